@@ -1,0 +1,106 @@
+#include "bridge/BridgeText.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tb {
+
+std::vector<char> read_file(const std::string &path)
+{
+    std::vector<char> bytes;
+    FILE *file = std::fopen(path.c_str(), "rb");
+    if (!file)
+        return bytes;
+    struct stat info{};
+    if (fstat(fileno(file), &info) == 0 && info.st_size > 0) {
+        bytes.resize(static_cast<size_t>(info.st_size));
+        if (std::fread(bytes.data(), 1, bytes.size(), file) != bytes.size())
+            bytes.clear();
+    }
+    std::fclose(file);
+    return bytes;
+}
+
+bool write_file(const std::string &path, const std::vector<char> &bytes)
+{
+    const std::string tmp = path + ".tmp";
+    const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return false;
+    bool ok = true;
+    size_t written = 0;
+    while (ok && written < bytes.size()) {
+        const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+        if (n < 0)
+            ok = false;
+        else
+            written += static_cast<size_t>(n);
+    }
+    // Without the flush a crash after the rename could leave an empty file in the old one's
+    // place, which is worse than the old content.
+    if (ok && ::fsync(fd) != 0)
+        ok = false;
+    if (::close(fd) != 0)
+        ok = false;
+    if (ok && std::rename(tmp.c_str(), path.c_str()) != 0)
+        ok = false;
+    if (!ok)
+        std::remove(tmp.c_str());
+    return ok;
+}
+
+bool write_file(const std::string &path, const std::string &text)
+{
+    return write_file(path, std::vector<char>(text.begin(), text.end()));
+}
+
+std::vector<std::string> lines(const char *text)
+{
+    std::vector<std::string> result;
+    if (!text)
+        return result;
+    const char *p = text;
+    while (*p) {
+        const char *end = std::strchr(p, '\n');
+        if (!end)
+            end = p + std::strlen(p);
+        const char *b = p;
+        const char *e = end;
+        while (b < e && (*b == ' ' || *b == '\t' || *b == '\r'))
+            ++b;
+        while (e > b && (e[-1] == ' ' || e[-1] == '\t' || e[-1] == '\r'))
+            --e;
+        if (e > b)
+            result.emplace_back(b, e);
+        p = *end ? end + 1 : end;
+    }
+    return result;
+}
+
+std::map<std::string, std::string> options(const char *text)
+{
+    std::map<std::string, std::string> result;
+    for (const std::string &line : lines(text)) {
+        const size_t eq = line.find('=');
+        if (eq == std::string::npos)
+            continue;
+        result[line.substr(0, eq)] = line.substr(eq + 1);
+    }
+    return result;
+}
+
+char *dup(const std::string &text)
+{
+    char *copy = static_cast<char *>(std::malloc(text.size() + 1));
+    if (!copy)
+        return nullptr;
+    std::memcpy(copy, text.data(), text.size());
+    copy[text.size()] = '\0';
+    return copy;
+}
+
+} // namespace tb

@@ -1,0 +1,24 @@
+#pragma once
+
+// Small text and file helpers every bridge call rests on. No errors are reported: a file that
+// cannot be read is empty, a write that fails leaves the old file.
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tb {
+
+std::vector<char> read_file(const std::string &path);
+// Writes path + ".tmp", flushes it to disk and renames it over path; the old file stays when
+// any step fails.
+bool write_file(const std::string &path, const std::vector<char> &bytes);
+bool write_file(const std::string &path, const std::string &text);
+// Splits at newlines, trims blanks (and carriage returns) on both sides, drops empty lines.
+std::vector<std::string> lines(const char *text);
+// "key=value" lines split at the first "="; a later key wins; lines without "=" are dropped.
+std::map<std::string, std::string> options(const char *text);
+// A malloc copy that tb_free releases.
+char *dup(const std::string &text);
+
+} // namespace tb
