@@ -1,6 +1,8 @@
 #pragma once
 
+#include <QFuture>
 #include <QObject>
+#include <QPromise>
 #include <QString>
 
 #include <functional>
@@ -31,6 +33,21 @@ public:
     QObject *context() const { return m_context; }
     bool isCurrent() const;
     QString label() const { return m_label; }
+
+    // Runs fn on the queue and hands its result back as a future, so a coroutine on the main
+    // thread can co_await work that must not block it.
+    template <typename T, typename Fn>
+    QFuture<T> run(Fn fn)
+    {
+        auto promise = std::make_shared<QPromise<T>>();
+        QFuture<T> future = promise->future();
+        promise->start();
+        post([promise, fn = std::move(fn)]() mutable {
+            promise->addResult(fn());
+            promise->finish();
+        });
+        return future;
+    }
 
 private:
     QString m_label;

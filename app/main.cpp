@@ -1,0 +1,92 @@
+#include "app/AppDelegate.h"
+#include "app/BundledRuntime.h"
+#include "app/SingleInstance.h"
+#include "engine/Storage.h"
+#include "engine/TorrentEngine.h"
+
+#include <QGuiApplication>
+#include <QSocketNotifier>
+
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+int g_signalPipe[2] = {-1, -1};
+
+void onSignal(int)
+{
+    const char byte = 1;
+    // Only async-signal-safe work here: the event loop picks the byte up and quits.
+    [[maybe_unused]] const ssize_t n = ::write(g_signalPipe[1], &byte, 1);
+}
+
+void watchStopSignals(QObject *context)
+{
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, g_signalPipe) != 0)
+        return;
+    auto *notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, context);
+    QObject::connect(notifier, &QSocketNotifier::activated, context, [] {
+        char byte = 0;
+        [[maybe_unused]] const ssize_t n = ::read(g_signalPipe[0], &byte, 1);
+        QCoreApplication::quit();
+    });
+    struct sigaction action{};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+}
+
+bool hasDisplay()
+{
+    return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    // The libraries must find the program's own data files before anything loads them.
+    BundledRuntime::configure();
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && !hasDisplay())
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+
+    QGuiApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("Velix"));
+    QCoreApplication::setOrganizationName(QStringLiteral("Velix"));
+    // Closing the last window leaves the process downloading and seeding.
+    app.setQuitOnLastWindowClosed(false);
+    // Qt resets the locale in its constructor, but libmpv needs LC_NUMERIC "C".
+    std::setlocale(LC_NUMERIC, "C");
+
+    const QString home = Storage::home();
+    SingleInstance instance(home);
+    const QList<QUrl> urls = urlsFromArguments(app.arguments().mid(1));
+    if (instance.forwardToRunning(urls))
+        return 0;
+
+    AppDelegate delegate;
+    QObject::connect(&instance, &SingleInstance::openRequested, &delegate, &AppDelegate::openUrls);
+    delegate.openUrls(urls);
+    watchStopSignals(&app);
+
+    delegate.applicationWillFinishLaunching();
+    delegate.applicationDidFinishLaunching();
+
+    if (delegate.background()) {
+        std::printf("Velix runs in the background (process %d, data in %s).\n"
+                    "Stop it with Ctrl+C or: kill %d\n",
+                    static_cast<int>(::getpid()), qPrintable(home), static_cast<int>(::getpid()));
+        std::fflush(stdout);
+    }
+
+    QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
+    const int code = app.exec();
+    delegate.applicationWillTerminate();
+    return code;
+}

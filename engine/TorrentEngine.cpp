@@ -1,0 +1,668 @@
+#include "engine/TorrentEngine.h"
+
+#include "bridge/tb_bridge.h"
+#include "core/MainThread.h"
+#include "core/SerialQueue.h"
+#include "engine/Storage.h"
+
+#include <QCoroFuture>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDesktopServices>
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonDocument>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+
+namespace {
+
+TorrentEngine *g_shared = nullptr;
+
+// Takes a bridge string and frees it; null reads as an empty array.
+QByteArray take(char *text)
+{
+    if (!text)
+        return QByteArray();
+    QByteArray bytes(text);
+    tb_free(text);
+    return bytes;
+}
+
+QString takeText(char *text)
+{
+    return QString::fromUtf8(take(text));
+}
+
+const char *bool01(bool value)
+{
+    return value ? "1" : "0";
+}
+
+} // namespace
+
+double uptimeSeconds()
+{
+    using namespace std::chrono;
+    return duration<double>(steady_clock::now().time_since_epoch()).count();
+}
+
+TorrentEngine *TorrentEngine::shared()
+{
+    if (!g_shared)
+        g_shared = new TorrentEngine(Storage::home());
+    return g_shared;
+}
+
+bool TorrentEngine::hasShared()
+{
+    return g_shared != nullptr;
+}
+
+TorrentEngine::TorrentEngine(const QString &home, QObject *parent)
+    : QObject(parent)
+    , m_queue(std::make_unique<SerialQueue>(QStringLiteral("velix.engine")))
+    , m_lastInterfaceDelay(-std::numeric_limits<double>::infinity())
+    , m_home(home)
+{
+    m_lastStateSave = std::chrono::steady_clock::now();
+
+    const auto settingsJson = Storage::load(m_home + QStringLiteral("/settings.json"));
+    m_settings = settingsJson ? AppSettings::fromJson(*settingsJson) : AppSettings::defaults();
+    const QString downloadOverride = qEnvironmentVariable("VELIX_DOWNLOAD_DIR");
+    if (!downloadOverride.isEmpty())
+        m_settings.downloadDirectory = downloadOverride;
+
+    if (const auto metaJson = Storage::load(m_home + QStringLiteral("/torrents.json"))) {
+        if (auto decoded = decodeMetaFile(*metaJson))
+            m_meta = std::move(*decoded);
+    }
+
+    const QString stateDir = m_home + QStringLiteral("/state");
+    QDir().mkpath(stateDir);
+
+    const QByteArray text = engineSettingsText().toUtf8();
+    m_session = tb_session_create(QFile::encodeName(stateDir).constData(), text.constData());
+    if (!m_session) {
+        std::fprintf(stderr, "velix: the torrent session could not be created\n");
+        std::exit(1);
+    }
+    applyTrackers();
+    applyBans();
+    // Saved at once so the random port and the detected profile of a first start stay.
+    saveSettingsNow();
+
+    m_timer = new QTimer(this);
+    m_timer->setTimerType(Qt::CoarseTimer);
+    connect(m_timer, &QTimer::timeout, this, &TorrentEngine::timerTick);
+
+    m_saveSettingsWork = new QTimer(this);
+    m_saveSettingsWork->setSingleShot(true);
+    m_saveSettingsWork->setInterval(500);
+    connect(m_saveSettingsWork, &QTimer::timeout, this, &TorrentEngine::saveSettingsNow);
+    m_saveMetaWork = new QTimer(this);
+    m_saveMetaWork->setSingleShot(true);
+    m_saveMetaWork->setInterval(1000);
+    connect(m_saveMetaWork, &QTimer::timeout, this, &TorrentEngine::saveMetaNow);
+
+    setPollInterval(1.0);
+    poll();
+}
+
+TorrentEngine::~TorrentEngine()
+{
+    shutdown();
+    if (g_shared == this)
+        g_shared = nullptr;
+}
+
+QString TorrentEngine::engineSettingsText() const
+{
+    return m_settings.libtorrentSettings() + QLatin1Char('\n') + m_checkingSettings;
+}
+
+void TorrentEngine::setSettings(const AppSettings &settings)
+{
+    if (settings == m_settings)
+        return;
+    m_settings = settings;
+    emit settingsUpdated();
+    settingsChanged();
+}
+
+void TorrentEngine::settingsChanged()
+{
+    applyEngineSettings();
+    applyTrackers();
+    applyBans();
+    scheduleSettingsSave();
+}
+
+void TorrentEngine::applyEngineSettings()
+{
+    if (m_isShutDown)
+        return;
+    const QString text = engineSettingsText();
+    if (text == m_appliedSettings)
+        return;
+    m_appliedSettings = text;
+    tb_apply_settings(m_session, text.toUtf8().constData());
+}
+
+void TorrentEngine::applyTrackers()
+{
+    if (m_isShutDown)
+        return;
+    const QStringList urls = m_settings.extraTrackers();
+    const QString joined = urls.join(QLatin1Char('\n'));
+    const QString key = QStringLiteral("|") + (m_settings.trackerMirrors ? QStringLiteral("true") : QStringLiteral("false"))
+        + joined;
+    if (key == m_appliedTrackers)
+        return;
+    m_appliedTrackers = key;
+    tb_set_extra_trackers(m_session, joined.toUtf8().constData(), m_settings.trackerMirrors);
+}
+
+void TorrentEngine::applyBans()
+{
+    if (m_isShutDown)
+        return;
+    const QString text = m_settings.banLeechers ? AppSettings::leecherClients.join(QLatin1Char('\n')) : QString();
+    if (text == m_appliedBans)
+        return;
+    m_appliedBans = text;
+    tb_set_banned_clients(m_session, text.toUtf8().constData());
+}
+
+void TorrentEngine::scheduleSettingsSave()
+{
+    m_saveSettingsWork->start();
+}
+
+void TorrentEngine::scheduleMetaSave()
+{
+    m_saveMetaWork->start();
+}
+
+void TorrentEngine::saveSettingsNow()
+{
+    Storage::save(m_settings.toJson(), m_home + QStringLiteral("/settings.json"));
+}
+
+void TorrentEngine::saveMetaNow()
+{
+    Storage::save(encodeMetaFile(m_meta), m_home + QStringLiteral("/torrents.json"));
+}
+
+void TorrentEngine::updateMeta(const QString &id, const std::function<void(TorrentMeta &)> &change)
+{
+    TorrentMeta entry = m_meta.value(id);
+    const bool existed = m_meta.contains(id);
+    change(entry);
+    if (existed && entry == m_meta.value(id))
+        return;
+    if (!existed && entry == TorrentMeta())
+        return;
+    m_meta.insert(id, entry);
+    emit metaChanged();
+    scheduleMetaSave();
+}
+
+void TorrentEngine::setFocusRequest(const QString &id)
+{
+    const std::optional<QString> value = id.isEmpty() ? std::nullopt : std::optional<QString>(id);
+    if (value == m_focusRequest)
+        return;
+    m_focusRequest = value;
+    emit focusRequestChanged();
+}
+
+void TorrentEngine::setPendingOpen(const QList<QUrl> &urls)
+{
+    if (urls == m_pendingOpen)
+        return;
+    m_pendingOpen = urls;
+    emit pendingOpenChanged();
+}
+
+void TorrentEngine::appendPendingOpen(const QList<QUrl> &urls)
+{
+    if (urls.isEmpty())
+        return;
+    m_pendingOpen << urls;
+    emit pendingOpenChanged();
+}
+
+std::optional<TorrentStatus> TorrentEngine::torrent(const QString &id) const
+{
+    for (const TorrentStatus &t : m_torrents) {
+        if (t.id == id)
+            return t;
+    }
+    return std::nullopt;
+}
+
+void TorrentEngine::setPollInterval(double seconds)
+{
+    if (seconds == m_pollInterval)
+        return;
+    m_pollInterval = seconds;
+    m_lastTimerTick.reset();
+    m_timer->stop();
+    m_timer->start(static_cast<int>(std::lround(seconds * 1000)));
+}
+
+void TorrentEngine::timerTick()
+{
+    const double now = uptimeSeconds();
+    if (m_lastTimerTick && m_pollInterval > 0 && m_pollInterval < 1) {
+        // A fast poll that comes late says the main thread is busy; the check governor reads
+        // this as a sign that the interface suffers.
+        const double lateness = now - *m_lastTimerTick - m_pollInterval;
+        if (lateness > m_pollInterval * 0.1 + 0.1)
+            m_lastInterfaceDelay = now;
+    }
+    m_lastTimerTick = now;
+    poll();
+}
+
+void TorrentEngine::poll()
+{
+    if (m_isShutDown)
+        return;
+    tb_session *session = m_session;
+    QPointer<TorrentEngine> self(this);
+    m_queue->post([session, self] {
+        const QByteArray status = take(tb_status_json(session));
+        std::optional<StatusSnapshot> snapshot = status.isEmpty() ? std::nullopt : StatusSnapshot::decode(status);
+        const QList<TorrentEvent> events = TorrentEvent::decodeList(take(tb_poll_events(session)));
+        postToMain(self.data(), [self, snapshot = std::move(snapshot), events] {
+            if (self)
+                self->apply(snapshot, events);
+        });
+    });
+    const auto now = std::chrono::steady_clock::now();
+    if (now - m_lastStateSave > std::chrono::seconds(60)) {
+        m_lastStateSave = now;
+        m_queue->post([session] { tb_save_state(session); });
+    }
+}
+
+void TorrentEngine::apply(const std::optional<StatusSnapshot> &snapshot, const QList<TorrentEvent> &events)
+{
+    if (!snapshot || m_isShutDown)
+        return;
+    if (snapshot->session != m_sessionInfo) {
+        m_sessionInfo = snapshot->session;
+        emit sessionInfoChanged();
+    }
+    const double now = uptimeSeconds();
+    QSet<QString> ids;
+    for (const TorrentStatus &t : snapshot->torrents)
+        ids.insert(t.id);
+    m_checkingProgress.retain(ids);
+
+    QList<TorrentStatus> torrents = snapshot->torrents;
+    bool checking = false;
+    for (TorrentStatus &t : torrents) {
+        const bool active = t.state == QLatin1String("checking") && !t.paused && t.error.isEmpty();
+        checking = checking || active;
+        const auto rate = m_checkingProgress.update(t.id, t.progress, t.total, active, now);
+        t.checkingRate = rate ? std::optional<double>(static_cast<double>(*rate)) : std::nullopt;
+    }
+    std::stable_sort(torrents.begin(), torrents.end(), [](const TorrentStatus &a, const TorrentStatus &b) {
+        if (a.added != b.added)
+            return a.added > b.added;
+        return a.name < b.name;
+    });
+    if (torrents != m_torrents) {
+        m_torrents = torrents;
+        emit torrentsChanged();
+    }
+    setPollInterval(checking ? 0.25 : 1.0);
+    for (const TorrentEvent &event : events)
+        handle(event);
+    enforceSeedLimits();
+}
+
+QCoro::Task<void> TorrentEngine::refreshForAutomation()
+{
+    if (m_isShutDown)
+        co_return;
+    tb_session *session = m_session;
+    QPointer<TorrentEngine> self(this);
+    const auto snapshot = co_await m_queue->run<std::optional<StatusSnapshot>>([session] {
+        const QByteArray status = take(tb_status_json(session));
+        return status.isEmpty() ? std::nullopt : StatusSnapshot::decode(status);
+    });
+    if (self)
+        self->apply(snapshot, {});
+}
+
+void TorrentEngine::shutdown()
+{
+    if (m_isShutDown)
+        return;
+    m_isShutDown = true;
+    if (m_timer)
+        m_timer->stop();
+    // Everything posted so far finishes before the session goes.
+    m_queue->sync([] {});
+    if (m_saveSettingsWork && m_saveSettingsWork->isActive()) {
+        m_saveSettingsWork->stop();
+        saveSettingsNow();
+    }
+    if (m_saveMetaWork && m_saveMetaWork->isActive()) {
+        m_saveMetaWork->stop();
+        saveMetaNow();
+    }
+    saveSettingsNow();
+    saveMetaNow();
+    tb_session_destroy(m_session);
+    m_session = nullptr;
+}
+
+// Commands ---------------------------------------------------------------------------------------
+
+AddOutcome TorrentEngine::finishAdd(char *id, char *error)
+{
+    const QString idText = takeText(id);
+    const QString errorText = takeText(error);
+    if (!idText.isEmpty()) {
+        poll();
+        return AddResult{idText, errorText == QLatin1String("duplicate")};
+    }
+    return EngineError{errorText.isEmpty() ? QStringLiteral("Не удалось добавить торрент") : errorText};
+}
+
+AddOutcome TorrentEngine::addTorrent(const QString &path, const QString &savePath,
+                                     const std::optional<QList<int>> &priorities, bool paused, bool sequential)
+{
+    if (m_isShutDown)
+        return EngineError{QStringLiteral("Не удалось добавить торрент")};
+    QStringList lines{QStringLiteral("save_path=") + savePath, QStringLiteral("paused=") + QLatin1String(bool01(paused)),
+                      QStringLiteral("sequential=") + QLatin1String(bool01(sequential))};
+    if (priorities) {
+        QStringList numbers;
+        for (int p : *priorities)
+            numbers << QString::number(p);
+        lines << QStringLiteral("priorities=") + numbers.join(QLatin1Char(','));
+    }
+    // A directory that can't be made is the library's to report, with its own words.
+    QDir().mkpath(savePath);
+    char *error = nullptr;
+    char *id = tb_add_torrent(m_session, QFile::encodeName(path).constData(),
+                              lines.join(QLatin1Char('\n')).toUtf8().constData(), &error);
+    return finishAdd(id, error);
+}
+
+AddOutcome TorrentEngine::addMagnet(const QString &uri, const QString &savePath, bool chooseFiles, bool paused,
+                                    bool sequential)
+{
+    if (m_isShutDown)
+        return EngineError{QStringLiteral("Не удалось добавить торрент")};
+    const QStringList lines{QStringLiteral("save_path=") + savePath,
+                            QStringLiteral("paused=") + QLatin1String(bool01(paused)),
+                            QStringLiteral("sequential=") + QLatin1String(bool01(sequential)),
+                            QStringLiteral("choose=") + QLatin1String(bool01(chooseFiles))};
+    QDir().mkpath(savePath);
+    char *error = nullptr;
+    char *id = tb_add_magnet(m_session, uri.toUtf8().constData(), lines.join(QLatin1Char('\n')).toUtf8().constData(),
+                             &error);
+    return finishAdd(id, error);
+}
+
+TorrentPreview TorrentEngine::preview(const QString &path) const
+{
+    return TorrentPreview::decode(take(tb_inspect_torrent(QFile::encodeName(path).constData())));
+}
+
+bool TorrentEngine::settingsLimitReached(const TorrentStatus &t) const
+{
+    const double base = static_cast<double>(std::max(t.totalDone, t.downloaded));
+    const double ratio = base < 1 ? 0.0 : static_cast<double>(t.uploaded) / base;
+    if (m_settings.ratioLimit > 0 && ratio >= m_settings.ratioLimit)
+        return true;
+    return m_settings.seedTimeLimitMinutes >= 1 && t.seedingTime >= 60LL * m_settings.seedTimeLimitMinutes;
+}
+
+void TorrentEngine::resume(const QStringList &ids)
+{
+    if (m_isShutDown)
+        return;
+    for (const QString &id : ids) {
+        const auto t = torrent(id);
+        if (t && (t->finished || t->seeding) && settingsLimitReached(*t)) {
+            // The user's resume overrules the limit for this torrent for good.
+            updateMeta(id, [](TorrentMeta &m) { m.ignoreSeedLimits = true; });
+        }
+        tb_action(m_session, id.toUtf8().constData(), "resume");
+    }
+    poll();
+}
+
+void TorrentEngine::pause(const QStringList &ids)
+{
+    if (m_isShutDown)
+        return;
+    for (const QString &id : ids)
+        tb_action(m_session, id.toUtf8().constData(), "pause");
+    poll();
+}
+
+void TorrentEngine::togglePause(const QString &id)
+{
+    const auto t = torrent(id);
+    if (!t)
+        return;
+    if (!t->paused || t->autoManaged)
+        pause({id});
+    else
+        resume({id});
+}
+
+void TorrentEngine::action(const QString &name, const QStringList &ids)
+{
+    if (m_isShutDown)
+        return;
+    for (const QString &id : ids) {
+        // The rate of the old check means nothing for the new one.
+        if (name == QLatin1String("recheck"))
+            m_checkingProgress.remove(id);
+        tb_action(m_session, id.toUtf8().constData(), name.toUtf8().constData());
+    }
+    poll();
+}
+
+void TorrentEngine::remove(const QStringList &ids, bool deleteFiles)
+{
+    if (m_isShutDown)
+        return;
+    bool metaChangedHere = false;
+    for (const QString &id : ids) {
+        tb_remove(m_session, id.toUtf8().constData(), deleteFiles ? 1 : 0);
+        metaChangedHere = m_meta.remove(id) > 0 || metaChangedHere;
+    }
+    if (metaChangedHere)
+        emit metaChanged();
+    scheduleMetaSave();
+    poll();
+}
+
+void TorrentEngine::setPriority(const QString &id, const QList<int> &files, FilePriority priority)
+{
+    if (files.isEmpty() || m_isShutDown)
+        return;
+    int value = 4;
+    switch (priority) {
+    case FilePriority::skip: value = 0; break;
+    case FilePriority::low: value = 1; break;
+    case FilePriority::normal: value = 4; break;
+    case FilePriority::high: value = 7; break;
+    }
+    std::vector<int32_t> indexes(files.begin(), files.end());
+    tb_set_file_priorities(m_session, id.toUtf8().constData(), indexes.data(), static_cast<int32_t>(indexes.size()),
+                           value);
+    poll();
+}
+
+void TorrentEngine::setToast(const std::optional<QString> &text)
+{
+    if (text == m_toast)
+        return;
+    m_toast = text;
+    emit toastChanged();
+}
+
+void TorrentEngine::show(const QString &text)
+{
+    setToast(text);
+    QPointer<TorrentEngine> self(this);
+    QTimer::singleShot(5000, this, [self, text] {
+        // Only the toast this timer was started for is cleared; a newer one has its own timer.
+        if (self && self->m_toast == text)
+            self->setToast(std::nullopt);
+    });
+}
+
+void TorrentEngine::handle(const TorrentEvent &event)
+{
+    const QString &type = event.type;
+    if (type == QLatin1String("finished")) {
+        const auto t = torrent(event.id);
+        if (t && t->wanted >= 1)
+            show(QStringLiteral("«") + event.name + QStringLiteral("» скачан"));
+    } else if (type == QLatin1String("metadata")) {
+        setFocusRequest(event.id);
+    } else if (type == QLatin1String("error")) {
+        show(QStringLiteral("«") + event.name + QStringLiteral("»: ") + event.message);
+    } else if (type == QLatin1String("recheck")) {
+        show(QStringLiteral("«") + event.name + QStringLiteral("»: проверка файлов"));
+    } else if (type == QLatin1String("listen_failed")) {
+        show(QStringLiteral("Порт недоступен: ") + event.message);
+    }
+}
+
+void TorrentEngine::enforceSeedLimits()
+{
+    if (m_settings.ratioLimit <= 0 && m_settings.seedTimeLimitMinutes < 1)
+        return;
+    for (const TorrentStatus &t : m_torrents) {
+        if (!t.seeding || t.paused)
+            continue;
+        if (m_meta.value(t.id).ignoreSeedLimits)
+            continue;
+        if (settingsLimitReached(t)) {
+            tb_action(m_session, t.id.toUtf8().constData(), "pause");
+            show(QStringLiteral("Раздача «") + t.name + QStringLiteral("» остановлена по лимиту"));
+        }
+    }
+}
+
+void TorrentEngine::reveal(const QString &id, int file)
+{
+    const auto t = torrent(id);
+    if (!t)
+        return;
+    QString path = t->savePath;
+    const QString name = t->name;
+    // The file's own path needs the files report; the torrent's top entry is what a file manager
+    // can always select.
+    Q_UNUSED(file)
+    const QString target = QDir(path).filePath(name);
+    const QString uri = QUrl::fromLocalFile(QFileInfo::exists(target) ? target : path).toString();
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
+        QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
+    call << QStringList{uri} << QString();
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 2000);
+    if (reply.type() != QDBusMessage::ReplyMessage)
+        QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo::exists(target) ? QFileInfo(target).absolutePath() : path));
+}
+
+// Reports ----------------------------------------------------------------------------------------
+
+QCoro::Task<QList<TorrentFile>> TorrentEngine::files(QString id)
+{
+    if (m_isShutDown)
+        co_return {};
+    tb_session *session = m_session;
+    co_return co_await m_queue->run<QList<TorrentFile>>(
+        [session, id] { return decodeTorrentFiles(take(tb_files_json(session, id.toUtf8().constData()))); });
+}
+
+QCoro::Task<QList<PeerInfo>> TorrentEngine::peers(QString id)
+{
+    if (m_isShutDown)
+        co_return {};
+    tb_session *session = m_session;
+    co_return co_await m_queue->run<QList<PeerInfo>>(
+        [session, id] { return PeerInfo::decodeList(take(tb_peers_json(session, id.toUtf8().constData()))); });
+}
+
+QCoro::Task<QList<TrackerInfo>> TorrentEngine::trackers(QString id)
+{
+    if (m_isShutDown)
+        co_return {};
+    tb_session *session = m_session;
+    co_return co_await m_queue->run<QList<TrackerInfo>>(
+        [session, id] { return TrackerInfo::decodeList(take(tb_trackers_json(session, id.toUtf8().constData()))); });
+}
+
+QCoro::Task<QString> TorrentEngine::pieces(QString id, int file)
+{
+    if (m_isShutDown)
+        co_return QString();
+    tb_session *session = m_session;
+    co_return co_await m_queue->run<QString>(
+        [session, id, file] { return takeText(tb_pieces(session, id.toUtf8().constData(), file)); });
+}
+
+QCoro::Task<PieceMap> TorrentEngine::pieceMap(QString id)
+{
+    if (m_isShutDown)
+        co_return PieceMap{};
+    const auto now = std::chrono::steady_clock::now();
+    const auto cached = m_pieceMapCache.constFind(id);
+    if (cached != m_pieceMapCache.constEnd() && now - cached->date < std::chrono::milliseconds(1500))
+        co_return cached->map;
+    tb_session *session = m_session;
+    QPointer<TorrentEngine> self(this);
+    const QByteArray digits = co_await m_queue->run<QByteArray>(
+        [session, id] { return take(tb_piece_states(session, id.toUtf8().constData())); });
+    if (!self || self->m_isShutDown)
+        co_return PieceMap{};
+    const auto back = std::chrono::steady_clock::now();
+    for (auto it = self->m_pieceMapCache.begin(); it != self->m_pieceMapCache.end();) {
+        if (back - it->date > std::chrono::seconds(10))
+            it = self->m_pieceMapCache.erase(it);
+        else
+            ++it;
+    }
+    PieceMap map{digits};
+    self->m_pieceMapCache.insert(id, CachedMap{back, map});
+    co_return map;
+}
+
+QCoro::Task<QString> TorrentEngine::networkDiagnostics()
+{
+    if (m_isShutDown)
+        co_return QStringLiteral("{}");
+    tb_session *session = m_session;
+    const QString text = co_await m_queue->run<QString>([session] { return takeText(tb_diagnostics_json(session)); });
+    co_return text.isEmpty() ? QStringLiteral("{}") : text;
+}
+
+QCoro::Task<QString> TorrentEngine::peerDiagnostics(QString id)
+{
+    if (m_isShutDown)
+        co_return QStringLiteral("[]");
+    tb_session *session = m_session;
+    const QString text = co_await m_queue->run<QString>(
+        [session, id] { return takeText(tb_peers_json(session, id.toUtf8().constData())); });
+    co_return text.isEmpty() ? QStringLiteral("[]") : text;
+}
