@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Sets up the machine, builds Velix with its tests and runs every test inside a network
+# namespace that has only loopback. Pass --sanitize for an AddressSanitizer+UBSan build.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+build="$root/build"
+extra=()
+if [ "${1:-}" = "--sanitize" ]; then
+  build="$root/build-asan"
+  extra=(-DVELIX_SANITIZE=ON -DVELIX_BENCH=OFF)
+  export ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+fi
+bash "$root/scripts/setup.sh"
+bash "$root/scripts/build.sh" "$build" -DVELIX_TESTS=ON "${extra[@]}"
+export QT_QPA_PLATFORM=offscreen VELIX_SILENT=1
+exec "$root/scripts/loopback-only" ctest --test-dir "$build" --output-on-failure -j 2 --timeout 900
