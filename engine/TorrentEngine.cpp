@@ -63,10 +63,11 @@ bool TorrentEngine::hasShared()
     return g_shared != nullptr;
 }
 
-TorrentEngine::TorrentEngine(const QString &home, QObject *parent)
+TorrentEngine::TorrentEngine(const QString &home, QObject *parent, const QString &sessionOverrides)
     : QObject(parent)
     , m_queue(std::make_unique<SerialQueue>(QStringLiteral("velix.engine")))
     , m_lastInterfaceDelay(-std::numeric_limits<double>::infinity())
+    , m_sessionOverrides(sessionOverrides)
     , m_home(home)
 {
     m_lastStateSave = std::chrono::steady_clock::now();
@@ -122,7 +123,10 @@ TorrentEngine::~TorrentEngine()
 
 QString TorrentEngine::engineSettingsText() const
 {
-    return m_settings.libtorrentSettings() + QLatin1Char('\n') + m_checkingSettings;
+    QString text = m_settings.libtorrentSettings() + QLatin1Char('\n') + m_checkingSettings;
+    if (!m_sessionOverrides.isEmpty())
+        text += QLatin1Char('\n') + m_sessionOverrides;
+    return text;
 }
 
 void TorrentEngine::setSettings(const AppSettings &settings)

@@ -54,7 +54,9 @@ public:
     static bool hasShared();
 
     // An engine on its own data directory; the process-wide one is made through shared().
-    explicit TorrentEngine(const QString &home, QObject *parent = nullptr);
+    // `sessionOverrides` are settings lines applied after all others; tests use them to keep a
+    // session on 127.0.0.1 with nothing that reaches beyond the machine.
+    explicit TorrentEngine(const QString &home, QObject *parent = nullptr, const QString &sessionOverrides = {});
     ~TorrentEngine() override;
 
     // Published state, main thread only.
@@ -156,6 +158,7 @@ private:
     double m_lastInterfaceDelay;
     // The hashing resource lines appended to the settings text; the check governor fills them.
     QString m_checkingSettings;
+    QString m_sessionOverrides;
     QTimer *m_saveSettingsWork = nullptr;
     QTimer *m_saveMetaWork = nullptr;
     std::chrono::steady_clock::time_point m_lastStateSave;
