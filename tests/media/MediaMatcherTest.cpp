@@ -1,0 +1,327 @@
+#include "media/MediaMatcher.h"
+
+#include "MediaTestFiles.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using MediaMatcher::EpisodeNumber;
+using mediatest::indices;
+using mediatest::text;
+using mediatest::torrentFiles;
+
+constexpr int NoNumber = -1;
+
+TEST(MediaMatcherTest, EpisodeNumbersFromReleaseNames)
+{
+    struct Row {
+        const char *name;
+        int season;
+        int episode;
+    };
+    const std::vector<Row> rows{
+        // Season and episode, scene style: any run of separators, up to four digits.
+        {"Breaking.Bad.S01E05.720p.BluRay.x264-DEMAND.mkv", 1, 5},
+        {"Game.of.Thrones.S08E06.The.Iron.Throne.1080p.AMZN.WEB-DL.DDP5.1.H.264-GoT.mkv", 8, 6},
+        {"The.Mandalorian.S02E08.Chapter.16.The.Rescue.2160p.WEB-DL.mkv", 2, 8},
+        {"Westworld S03 E05 1080p.mkv", 3, 5},
+        {"Stranger Things - s04e09 - Chapter Nine.mkv", 4, 9},
+        {"24.S08E24.mkv", 8, 24},
+        {"Lost.S01E01E02.Pilot.mkv", 1, 1},
+        {"Severance.S02E10.Cold.Harbor.2160p.ATVP.WEB-DL.DDP5.1.Atmos.DV.HDR.H.265.mkv", 2, 10},
+        {"Тед Лассо S03E12 [LostFilm].mkv", 3, 12},
+        {"[Judas] Shingeki no Kyojin - S04E28 [1080p][HEVC x265 10bit][Eng-Subs].mkv", 4, 28},
+        {"Show S02 - E1001.mkv", 2, 1001},
+        // Season by episode; "105x2" is none, the digit before "05" blocks it.
+        {"Friends - 1x05 - The One with the East German Laundry Detergent.avi", 1, 5},
+        {"Доктор Хаус 3x12 [Rus].avi", 3, 12},
+        {"The X-Files 5x13.avi", 5, 13},
+        {"Show 105x2.mkv", 0, 2},
+        // A word for "episode", found before any noise is stripped.
+        {"СЕРИАЛ - СЕРИЯ 12.mkv", 0, 12},
+        {"Слово пацана. Кровь на асфальте. Серия 8 из 8.mkv", 0, 8},
+        {"Мастер и Маргарита (2005) Серия 03.avi", 0, 3},
+        {"Фиксики. Эпизод 12.mp4", 0, 12},
+        {"Эпизод_7.avi", 0, 7},
+        {"Смешарики. Серии 201-210.avi", 0, 201},
+        {"Episode 3 - Pilot.mkv", 0, 3},
+        {"Show.Name.EP03.720p.mkv", 0, 3},
+        {"e12.mkv", 0, 12},
+        {"One.Piece.E1071.1080p.mkv", 0, 1071},
+        {"Show.2019.E07.mkv", 0, 7},
+        // A letter right before the word makes it part of another word.
+        {"Movie12.mkv", 0, 12},
+        {"Минисерия 2 (эпизод 3).avi", 0, 3},
+        // A bare number: the last one left once years, resolutions and codecs are gone.
+        {"Кухня (1 сезон, 5 серия).avi", 0, 5},
+        {"Ликвидация.01.серия.avi", 0, 1},
+        {"[Erai-raws] Spy x Family - 05 [1080p][Multiple Subtitle].mkv", 0, 5},
+        {"[Anime Time] Naruto - 001 [1080p][HEVC 10bit x265][AAC][Multi Sub].mkv", 0, 1},
+        {"Naruto Shippuden - 500.mkv", 0, 500},
+        {"Show 2019 1080p x264 07.mkv", 0, 7},
+        {"Show 2 - 05.mkv", 0, 5},
+        {"Show - 03 [720p 10bit 5.1 24fps 2ch].mkv", 0, 3},
+        // Films: every number is noise. Five digits in a row are no number, and the
+        // extension is not part of the name.
+        {"Inception.2010.1080p.BluRay.x264.mkv", NoNumber, 0},
+        {"Blade.Runner.2049.2017.2160p.UHD.BluRay.x265.10bit.HDR.DTS-HD.MA.7.1.mkv", NoNumber, 0},
+        {"Avatar.The.Way.of.Water.2022.2160p.WEB-DL.DDP5.1.Atmos.mkv", NoNumber, 0},
+        {"Ирония судьбы, или С лёгким паром! (1975) DVDRip.avi", NoNumber, 0},
+        {"Clip 12345.mkv", NoNumber, 0},
+        {"Trailer.mp4", NoNumber, 0},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::optional<EpisodeNumber> expected =
+            row.season == NoNumber ? std::nullopt
+                                   : std::optional(EpisodeNumber{row.season, row.episode});
+        EXPECT_EQ(MediaMatcher::episodeNumber(QString::fromUtf8(row.name)), expected);
+    }
+}
+
+TEST(MediaMatcherTest, EpisodeKeysPairOnlyTightMarkers)
+{
+    const std::vector<std::pair<const char *, const char *>> rows{
+        {"Show.S01E05.mkv", "s1e5"},    {"05 - Show s01e05.ac3", "s1e5"},
+        {"show.s01.e05.srt", "s1e5"},   {"Show S10_E100.mka", "s10e100"},
+        {"Show.s1e2", "s1e2"},          {"Show.S01..E05.srt", nullptr},
+        {"Show 1x05.srt", nullptr},     {"Серия 5.srt", nullptr},
+        // Three episode digits at most, so these two share a key.
+        {"Show.S01E1000.srt", "s1e100"}, {"Show.S01E100.srt", "s1e100"},
+    };
+    for (const auto &[name, key] : rows)
+        EXPECT_EQ(MediaMatcher::episodeKey(QString::fromUtf8(name)), text(key)) << name;
+}
+
+struct Track {
+    int index = -1;
+    const char *title = "";
+    const char *language = nullptr;
+};
+
+void expectTracks(const QList<ExternalTrack> &actual, const std::vector<Track> &expected)
+{
+    ASSERT_EQ(actual.size(), static_cast<qsizetype>(expected.size()));
+    for (std::size_t n = 0; n < expected.size(); ++n) {
+        const ExternalTrack &track = actual.at(static_cast<qsizetype>(n));
+        SCOPED_TRACE(track.file.path.toStdString());
+        EXPECT_EQ(track.file.i, expected[n].index);
+        EXPECT_EQ(track.title, QString::fromUtf8(expected[n].title));
+        EXPECT_EQ(track.language, text(expected[n].language));
+    }
+}
+
+// A torrent's file list, the order its videos are watched in, and the outside tracks that
+// its video `video` gets.
+struct Layout {
+    const char *what;
+    QList<TorrentFile> files;
+    std::vector<int> order;
+    int video = 0;  // the one whose outside tracks are checked
+    std::vector<Track> audio;
+    std::vector<Track> subtitles;
+};
+
+TEST(MediaMatcherTest, TorrentLayoutsPlayInOrderWithTheirOutsideTracks)
+{
+    const std::vector<Layout> layouts{
+        {"only playable videos, samples by file name",
+         torrentFiles({"S/01.mkv", "S/01.srt", "S/cover.jpg", "S/01.MKV.part", "S/02.AVI",
+                       "S/sample.mkv", "S/Show.SAMPLE.mkv", "S/Sample/03.mkv", ".pad/02.mkv"}),
+         {0, 4, 7}, 0, {}, {{1, "01 · SRT"}}},
+        // Names alone would put "Слепой" before "Этюд".
+        {"a numbered folder ignores the words",
+         torrentFiles({"S/Шерлок. Этюд в розовых тонах. S01E01.mkv",
+                       "S/Шерлок. Слепой банкир. S01E02.mkv"}),
+         {0, 1}, 0, {}, {}},
+        {"a repeated number falls back to names",
+         torrentFiles({"S/Show.S01E02.mkv", "S/Show.S01E01.mkv", "S/Show.S01E01.Directors.Cut.mkv"}),
+         {2, 1, 0}, 0, {}, {}},
+        {"one file without a number falls back to names",
+         torrentFiles({"S/Sherlock.Study.S01E01.mkv", "S/Sherlock.Banker.S01E02.mkv", "S/Bonus.mkv"}),
+         {2, 1, 0}, 0, {}, {}},
+        {"the fallback is per folder",
+         torrentFiles({"S/A/Bonus.mkv", "S/A/Winter 01.mkv", "S/A/Autumn 02.mkv",
+                       "S/B/Winter 01.mkv", "S/B/Spring 02.mkv"}),
+         {2, 0, 1, 3, 4}, 0, {}, {}},
+        {"folders in natural order, top-level files first",
+         torrentFiles({"S/Season 10/e01.mkv", "S/Season 2/e01.mkv", "S/Season 1/e02.mkv",
+                       "S/Season 1/e01.mkv", "S/trailer.mkv"}),
+         {4, 3, 2, 1, 0}, 0, {}, {}},
+        {"folders equal but for case stay whole, in order of appearance",
+         torrentFiles({"S/extras/b.mkv", "S/Extras/a.mkv", "S/extras/c.mkv"}), {0, 2, 1}, 0, {}, {}},
+        {"outside tracks by name, by name and a separator, or by key",
+         torrentFiles({"Show/Show.S01E05.mkv", "Show/Show.S01E06.mkv",
+                       "Show/Rus Sound/Show.S01E05.mka", "Show/Show.S01E05.Rus.Dub.mka",
+                       "Show/Show.S01E05 [Eng].srt", "Show/Show.S01E05_forced.srt",
+                       "Show/Show.S01E050.srt", "Show/Озвучка/05 - Show s01e05.ac3",
+                       "Show/Commentary.mka", "Show/Show.S01E06.mka", "Show/Show.S01E05.nfo"}),
+         {0, 1}, 0,
+         {{7, "05 - Show s01e05 · AC3"}, {3, "Rus.Dub · MKA", "rus"}, {2, "Show.S01E05 · MKA", "rus"}},
+         {{4, "Eng · SRT", "eng"}, {5, "forced · SRT"}}},
+        {"series with studio dubs and a subtitle folder",
+         torrentFiles({"Severance.S01.1080p.ATVP.WEB-DL/Severance.S01E02.1080p.mkv",
+                       "Severance.S01.1080p.ATVP.WEB-DL/Severance.S01E01.1080p.mkv",
+                       "Severance.S01.1080p.ATVP.WEB-DL/Severance.S01E10.1080p.mkv",
+                       "Severance.S01.1080p.ATVP.WEB-DL/Rus Sound/LostFilm/Severance.S01E01.1080p.mka",
+                       "Severance.S01.1080p.ATVP.WEB-DL/Rus Sound/HDRezka/Severance.S01E01.1080p.mka",
+                       "Severance.S01.1080p.ATVP.WEB-DL/Rus Sound/LostFilm/Severance.S01E02.1080p.mka",
+                       "Severance.S01.1080p.ATVP.WEB-DL/Subs/Severance.S01E01.1080p.Rus.Forced.srt",
+                       "Severance.S01.1080p.ATVP.WEB-DL/Subs/Severance.S01E01.1080p.Eng.srt",
+                       "Severance.S01.1080p.ATVP.WEB-DL/Sample/severance.s01e01.sample.mkv",
+                       ".pad/1024"}),
+         {1, 0, 2}, 1,
+         {{4, "HDRezka · MKA", "rus"}, {3, "LostFilm · MKA", "rus"}},
+         {{7, "Eng · SRT", "eng"}, {6, "Rus.Forced · SRT", "rus"}}},
+        // "Серия 10" begins with "Серия 1", but not with "Серия 1" and a separator.
+        {"Russian episode words with a Субтитры folder",
+         torrentFiles({"Интерны (2010) SATRip/Интерны. Серия 10.avi",
+                       "Интерны (2010) SATRip/Интерны. Серия 1.avi",
+                       "Интерны (2010) SATRip/Интерны. Серия 2.avi",
+                       "Интерны (2010) SATRip/Субтитры/Интерны. Серия 1.srt",
+                       "Интерны (2010) SATRip/Субтитры/Интерны. Серия 10.srt",
+                       "Интерны (2010) SATRip/Субтитры/Интерны. Серия 1 (Англ).srt",
+                       "Интерны (2010) SATRip/Обложка.jpg"}),
+         {1, 2, 0}, 1, {}, {{5, "Англ · SRT", "eng"}, {3, "Интерны. Серия 1 · SRT"}}},
+        {"dubs named differently, paired by their s..e.. key",
+         torrentFiles({"Rick.and.Morty.S07.WEB-DL/Rick.and.Morty.S07E02.1080p.WEB-DL.mkv",
+                       "Rick.and.Morty.S07.WEB-DL/Rick.and.Morty.S07E01.1080p.WEB-DL.mkv",
+                       "Rick.and.Morty.S07.WEB-DL/Озвучка/Сыендук/Rick and Morty s07e01 [Сыендук].ac3",
+                       "Rick.and.Morty.S07.WEB-DL/Озвучка/2x2/Rick and Morty s07e01.ac3",
+                       "Rick.and.Morty.S07.WEB-DL/Озвучка/2x2/Rick and Morty s07e02.ac3",
+                       "Rick.and.Morty.S07.WEB-DL/Subs/Rick.and.Morty.S07E01.1080p.WEB-DL.rus.ass",
+                       "Rick.and.Morty.S07.WEB-DL/Subs/Rick.and.Morty.S07E01.1080p.WEB-DL.eng.SDH.srt",
+                       "Rick.and.Morty.S07.WEB-DL/Commentary.mka"}),
+         {1, 0}, 1, {{3, "2x2 · AC3"}, {2, "Сыендук · AC3"}},
+         {{6, "eng.SDH · SRT", "eng"}, {5, "rus · ASS", "rus"}}},
+        {"a film: every outside track is its own, a sample changes nothing",
+         torrentFiles({"Dune.Part.Two.2024.2160p.WEB-DL/Dune.Part.Two.2024.2160p.WEB-DL.mkv",
+                       "Dune.Part.Two.2024.2160p.WEB-DL/Rus Sound/Dune.Part.Two.2024.2160p.WEB-DL.Dub.Red.Head.Sound.mka",
+                       "Dune.Part.Two.2024.2160p.WEB-DL/Rus Sound/Dune.Part.Two.2024.2160p.WEB-DL.MVO.Jaskier.mka",
+                       "Dune.Part.Two.2024.2160p.WEB-DL/Subs/English.srt",
+                       "Dune.Part.Two.2024.2160p.WEB-DL/Subs/Russian.Forced.srt",
+                       "Dune.Part.Two.2024.2160p.WEB-DL/Subs/Ukr.srt",
+                       "Dune.Part.Two.2024.2160p.WEB-DL/Sample/Dune.Part.Two.Sample.mkv",
+                       "Dune.Part.Two.2024.2160p.WEB-DL/Dune.Part.Two.2024.2160p.WEB-DL.nfo",
+                       ".pad/2048"}),
+         {0}, 0, {{1, "Dub.Red.Head.Sound · MKA", "rus"}, {2, "MVO.Jaskier · MKA", "rus"}},
+         {{3, "English · SRT", "eng"}, {4, "Russian.Forced · SRT", "rus"}, {5, "Ukr · SRT", "ukr"}}},
+        {"complete series, one folder per season",
+         torrentFiles({"Friends.Complete.Series/Season 10/Friends.S10E01.The.One.After.Joey.mkv",
+                       "Friends.Complete.Series/Season 2/Friends.S02E01.mkv",
+                       "Friends.Complete.Series/Season 1/Friends.S01E02.mkv",
+                       "Friends.Complete.Series/Season 1/Friends.S01E01.mkv",
+                       "Friends.Complete.Series/Season 1/Subs/Friends.S01E01.srt",
+                       "Friends.Complete.Series/Season 1/Rus Sound/Friends.S01E01.Paramount.ac3"}),
+         {3, 2, 1, 0}, 3, {{5, "Season 1 · Paramount · AC3", "rus"}}, {{4, "Season 1 · SRT"}}},
+        {"two seasons in one folder",
+         torrentFiles({"The.Office.US.S01-S02/The.Office.US.S02E01.The.Dundies.avi",
+                       "The.Office.US.S01-S02/The.Office.US.S01E06.Hot.Girl.avi",
+                       "The.Office.US.S01-S02/The.Office.US.S01E01.Pilot.avi",
+                       "The.Office.US.S01-S02/The.Office.US.S02E10.Christmas.Party.avi",
+                       "The.Office.US.S01-S02/The.Office.US.S02E02.Sexual.Harassment.avi"}),
+         {2, 1, 0, 4, 3}, 0, {}, {}},
+        {"anime with bare numbers, studio dubs and fonts",
+         torrentFiles({"[Erai-raws] Spy x Family/[Erai-raws] Spy x Family - 12 [1080p].mkv",
+                       "[Erai-raws] Spy x Family/[Erai-raws] Spy x Family - 01 [1080p].mkv",
+                       "[Erai-raws] Spy x Family/[Erai-raws] Spy x Family - 02 [1080p].mkv",
+                       "[Erai-raws] Spy x Family/Rus Sound/[AniLibria]/[Erai-raws] Spy x Family - 01 [1080p].mka",
+                       "[Erai-raws] Spy x Family/Rus Sound/[Studio Band]/[Erai-raws] Spy x Family - 01 [1080p].mka",
+                       "[Erai-raws] Spy x Family/Rus Subs/[Erai-raws] Spy x Family - 01 [1080p].ass",
+                       "[Erai-raws] Spy x Family/Fonts/Arial.ttf"}),
+         {1, 2, 0}, 1, {{3, "[AniLibria] · MKA", "rus"}, {4, "[Studio Band] · MKA", "rus"}},
+         {{5, "[Erai-raws] Spy x Family - 01 [1080p] · ASS", "rus"}}},
+        // The hex tags' digits read as numbers too ("…2C1B]" as 1, "E1F" as episode 1); two
+        // files share a number, so the folder goes by name, which is the right order.
+        {"anime with CRC tags",
+         torrentFiles({"[SubsPlease] Frieren/[SubsPlease] Frieren - 03 (1080p) [C8E1F06D].mkv",
+                       "[SubsPlease] Frieren/[SubsPlease] Frieren - 01 (1080p) [9A4F2C1B].mkv",
+                       "[SubsPlease] Frieren/[SubsPlease] Frieren - 02 (1080p) [3B7D0A5C].mkv"}),
+         {1, 2, 0}, 1, {}, {}},
+        {"a single-file torrent", torrentFiles({"Oppenheimer.2023.1080p.BluRay.x264-SPARKS.mkv"}),
+         {0}, 0, {}, {}},
+    };
+    for (const Layout &layout : layouts) {
+        SCOPED_TRACE(layout.what);
+        EXPECT_EQ(indices(MediaMatcher::videos(layout.files)), layout.order);
+        const MediaMatcher::ExternalTracks tracks =
+            MediaMatcher::externalTracks(layout.files.at(layout.video), layout.files);
+        expectTracks(tracks.audio, layout.audio);
+        expectTracks(tracks.subtitles, layout.subtitles);
+    }
+}
+
+TEST(MediaMatcherTest, NextAndPreviousRunAcrossFoldersWithoutWrapping)
+{
+    const QList<TorrentFile> files =
+        torrentFiles({"S/Season 2/S02E01.mkv", "S/Season 1/S01E02.mkv", "S/Season 1/S01E01.mkv",
+                      "S/Season 1/S01E01.srt"});
+    const auto index = [](const std::optional<TorrentFile> &file) { return file ? file->i : -1; };
+    EXPECT_EQ(index(MediaMatcher::next(files.at(2), files)), 1);
+    EXPECT_EQ(index(MediaMatcher::next(files.at(1), files)), 0);  // into the next folder
+    EXPECT_EQ(index(MediaMatcher::next(files.at(0), files)), -1);
+    EXPECT_EQ(index(MediaMatcher::previous(files.at(0), files)), 1);
+    EXPECT_EQ(index(MediaMatcher::previous(files.at(2), files)), -1);
+    EXPECT_EQ(index(MediaMatcher::next(files.at(3), files)), -1);  // not a video
+    // Found by index, so a record from an older poll with other progress finds its place.
+    TorrentFile stale = files.at(2);
+    stale.done = 12345;
+    EXPECT_EQ(index(MediaMatcher::next(stale, files)), 1);
+}
+
+TEST(MediaMatcherTest, TrackTitles)
+{
+    struct Row {
+        const char *path;
+        const char *videoStem;
+        const char *title;
+    };
+    const std::vector<Row> rows{
+        {"S/Rus Sound/Studio/Show.S01E05.Rus.Dub.mka", "show.s01e05", "Studio · Rus.Dub · MKA"},
+        {"S/RUS SOUND/Show.S01E05.mka", "show.s01e05", "Show.S01E05 · MKA"},
+        {"S/Озвучка/Show.S01E05.ac3", "show.s01e05", "Show.S01E05 · AC3"},
+        // Only the nearest folder that says something; never the torrent's own top folder.
+        {"S/Season 1/Studio/Subs/x.srt", "show", "Studio · SRT"},
+        {"Studio/x.srt", "show", "x · SRT"},
+        {"x.srt", "x", "x · SRT"},
+        // What the name adds, trimmed; the comparison ignores case, the part keeps it.
+        {"S/Show.S01E05.[Eng].srt", "show.s01e05", "Eng · SRT"},
+        {"S/SHOW.S01E05 (Forced).srt", "show.s01e05", "Forced · SRT"},
+        {"S/Subs/ШОУ.E05.Рус.Субтитры.ass", "шоу.e05", "Рус.Субтитры · ASS"},
+        {"S/Show.S01E05_-_.srt", "show.s01e05", "Show.S01E05_-_ · SRT"},
+        {"S/Subs/Subtitle", "show.s01e05", "Subtitle · "},
+    };
+    for (const Row &row : rows) {
+        TorrentFile file;
+        file.path = QString::fromUtf8(row.path);
+        EXPECT_EQ(MediaMatcher::title(file, QString::fromUtf8(row.videoStem)),
+                  QString::fromUtf8(row.title))
+            << row.path;
+    }
+}
+
+TEST(MediaMatcherTest, LanguagesFromPathWords)
+{
+    const std::vector<std::pair<const char *, const char *>> rows{
+        {"S/Rus Sound/a.mka", "rus"},        {"S/Subs/S01E05.ENG.srt", "eng"},
+        {"S/Subs/english_sdh.srt", "eng"},   {"S/Ukr/a.mka", "ukr"},
+        {"S/uk.srt", "ukr"},                 {"S/русские субтитры/a.srt", "rus"},
+        {"S/a(рус).srt", "rus"},             {"S/[JAP]/a.mka", "jpn"},
+        {"S/a.zh-Hans.ass", "chi"},          {"S/a.de.srt", "ger"},
+        {"S/a.fr.srt", "fre"},               {"S/a.es.srt", "spa"},
+        {"S/a.Korean.srt", "kor"},
+        // The table's order decides, not the order in the path.
+        {"Show.Eng/Rus/a.srt", "rus"},       {"S/UA-RU/a.mka", "rus"},
+        // Whole words only.
+        {"S/русская озвучка/a.mka", nullptr}, {"S/RusSound/a.mka", nullptr},
+        {"S/Trust.srt", nullptr},            {"S/a.pt-BR.srt", nullptr},
+    };
+    for (const auto &[path, language] : rows) {
+        TorrentFile file;
+        file.path = QString::fromUtf8(path);
+        EXPECT_EQ(MediaMatcher::language(file), text(language)) << path;
+    }
+}
+
+} // namespace
