@@ -1,6 +1,9 @@
 #include "engine/TorrentEngine.h"
 
 #include "bridge/tb_bridge.h"
+#include "checking/LowPowerMonitor.h"
+#include "checking/MachineInfo.h"
+#include "checking/MemoryPressureWatcher.h"
 #include "core/MainThread.h"
 #include "core/SerialQueue.h"
 #include "engine/Storage.h"
@@ -12,6 +15,12 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonDocument>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QStringDecoder>
+
+#include <QCoroNetworkReply>
 
 #include <algorithm>
 #include <cmath>
@@ -43,6 +52,38 @@ const char *bool01(bool value)
     return value ? "1" : "0";
 }
 
+constexpr qint64 TrackerListMaxAgeMs = 86400LL * 1000;
+constexpr int TrackerListMinimum = 5;
+constexpr int TrackerListMaximum = 80;
+// A list of 80 trackers is a few kilobytes; a source that sends far more is not a list.
+constexpr qint64 TrackerListMaxBytes = 4 * 1024 * 1024;
+constexpr double ResourceSampleSeconds = 1.0;
+constexpr double InterfaceDelayWindow = 5.0;
+
+// One list from one source, or none when the source failed in any way.
+QCoro::Task<std::optional<QStringList>> fetchTrackerList(QNetworkAccessManager *network, QUrl url,
+                                                         std::chrono::milliseconds timeout)
+{
+    QNetworkRequest request(url);
+    // Always the list as it is now: no cache is read or written and no cookies go either way.
+    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
+    request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
+    request.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
+    request.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
+    request.setTransferTimeout(static_cast<int>(timeout.count()));
+    QNetworkReply *reply = network->get(request);
+    QObject::connect(reply, &QNetworkReply::downloadProgress, reply, [reply](qint64 received, qint64) {
+        if (received > TrackerListMaxBytes)
+            reply->abort();
+    });
+    co_await reply;
+    reply->deleteLater();
+    if (reply->error() != QNetworkReply::NoError
+        || reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() != 200)
+        co_return std::nullopt;
+    co_return parseTrackerList(reply->readAll());
+}
+
 } // namespace
 
 double uptimeSeconds()
@@ -51,10 +92,31 @@ double uptimeSeconds()
     return duration<double>(steady_clock::now().time_since_epoch()).count();
 }
 
+std::optional<QStringList> parseTrackerList(const QByteArray &body)
+{
+    QStringDecoder decoder(QStringDecoder::Utf8);
+    QString text = decoder.decode(body);
+    if (decoder.hasError())
+        return std::nullopt;
+    text.replace(QLatin1Char('\r'), QLatin1Char('\n'));
+    QStringList list;
+    for (const QString &raw : text.split(QLatin1Char('\n'))) {
+        const QString line = raw.trimmed();
+        if (line.startsWith(QLatin1String("udp://")) || line.startsWith(QLatin1String("http://"))
+            || line.startsWith(QLatin1String("https://")))
+            list << line;
+    }
+    if (list.size() < TrackerListMinimum)
+        return std::nullopt;
+    if (list.size() > TrackerListMaximum)
+        list.resize(TrackerListMaximum);
+    return list;
+}
+
 TorrentEngine *TorrentEngine::shared()
 {
     if (!g_shared)
-        g_shared = new TorrentEngine(Storage::home());
+        g_shared = new TorrentEngine(Storage::home(), nullptr, QString(), TrackerListSources::publicSources());
     return g_shared;
 }
 
@@ -63,11 +125,14 @@ bool TorrentEngine::hasShared()
     return g_shared != nullptr;
 }
 
-TorrentEngine::TorrentEngine(const QString &home, QObject *parent, const QString &sessionOverrides)
+TorrentEngine::TorrentEngine(const QString &home, QObject *parent, const QString &sessionOverrides,
+                             TrackerListSources trackerLists)
     : QObject(parent)
     , m_queue(std::make_unique<SerialQueue>(QStringLiteral("velix.engine")))
+    , m_lastResourceSample(-std::numeric_limits<double>::infinity())
     , m_lastInterfaceDelay(-std::numeric_limits<double>::infinity())
     , m_sessionOverrides(sessionOverrides)
+    , m_trackerLists(std::move(trackerLists))
     , m_home(home)
 {
     m_lastStateSave = std::chrono::steady_clock::now();
@@ -85,6 +150,16 @@ TorrentEngine::TorrentEngine(const QString &home, QObject *parent, const QString
 
     const QString stateDir = m_home + QStringLiteral("/state");
     QDir().mkpath(stateDir);
+
+    // The session starts already governed: as much as an idle machine of this size, in the
+    // power and heat it is in now, may hash with. Load and the rest follow from the first poll.
+    m_checkingHardware = readHardware();
+    m_lowPower = new LowPowerMonitor(this);
+    CheckingResources::Conditions atStart;
+    atStart.lowPower = m_lowPower->lowPower();
+    atStart.thermalState = readThermalState();
+    m_checkingController = CheckingResourceController(CheckingResources::target(m_checkingHardware, atStart));
+    m_checkingSettings = m_checkingController.current().settings();
 
     const QByteArray text = engineSettingsText().toUtf8();
     m_session = tb_session_create(QFile::encodeName(stateDir).constData(), text.constData());
@@ -110,8 +185,12 @@ TorrentEngine::TorrentEngine(const QString &home, QObject *parent, const QString
     m_saveMetaWork->setInterval(1000);
     connect(m_saveMetaWork, &QTimer::timeout, this, &TorrentEngine::saveMetaNow);
 
+    observeMemoryPressure();
     setPollInterval(1.0);
     poll();
+
+    m_network = new QNetworkAccessManager(this);
+    refreshTrackers(false);
 }
 
 TorrentEngine::~TorrentEngine()
@@ -278,6 +357,7 @@ void TorrentEngine::poll()
 {
     if (m_isShutDown)
         return;
+    updateCheckingResources(false);
     tb_session *session = m_session;
     QPointer<TorrentEngine> self(this);
     m_queue->post([session, self] {
@@ -354,6 +434,13 @@ void TorrentEngine::shutdown()
     m_isShutDown = true;
     if (m_timer)
         m_timer->stop();
+    delete m_memoryPressureSource;
+    m_memoryPressureSource = nullptr;
+    // A tracker list fetch that is under way ends here and finds the engine shut down.
+    if (m_network) {
+        for (QNetworkReply *reply : m_network->findChildren<QNetworkReply *>())
+            reply->abort();
+    }
     // Everything posted so far finishes before the session goes.
     m_queue->sync([] {});
     if (m_saveSettingsWork && m_saveSettingsWork->isActive()) {
@@ -368,6 +455,99 @@ void TorrentEngine::shutdown()
     saveMetaNow();
     tb_session_destroy(m_session);
     m_session = nullptr;
+}
+
+// Hash check governance ----------------------------------------------------------------------------
+
+void TorrentEngine::observeMemoryPressure()
+{
+    m_memoryPressureSource = new MemoryPressureWatcher(this);
+    connect(m_memoryPressureSource, &MemoryPressureWatcher::levelChanged, this, &TorrentEngine::memoryPressureChanged);
+}
+
+void TorrentEngine::memoryPressureChanged(MemoryPressure level)
+{
+    m_memoryPressure = level;
+    updateCheckingResources(true);
+}
+
+void TorrentEngine::setCheckingPlaybackActive(bool active)
+{
+    if (active == m_checkingPlaybackActive)
+        return;
+    m_checkingPlaybackActive = active;
+    updateCheckingResources(true);
+}
+
+void TorrentEngine::updateCheckingResources(bool force)
+{
+    if (m_isShutDown)
+        return;
+    const double now = uptimeSeconds();
+    if (now - m_lastResourceSample >= ResourceSampleSeconds) {
+        m_lastResourceSample = now;
+        m_otherBusyCores = m_checkingLoad.sample(m_checkingHardware.processors, now);
+    } else if (!force) {
+        return;
+    }
+    CheckingResources::Conditions conditions;
+    conditions.otherBusyCores = m_otherBusyCores;
+    conditions.playbackActive = m_checkingPlaybackActive;
+    conditions.lowPower = m_lowPower->lowPower();
+    conditions.thermalState = readThermalState();
+    conditions.memoryPressure = m_memoryPressure;
+    conditions.interfaceDelayed = now - m_lastInterfaceDelay < InterfaceDelayWindow;
+
+    const CheckingResources before = m_checkingController.current();
+    const CheckingResources &after =
+        m_checkingController.update(CheckingResources::target(m_checkingHardware, conditions), now);
+    if (after == before)
+        return;
+    m_checkingSettings = after.settings();
+    applyEngineSettings();
+}
+
+// Tracker lists -----------------------------------------------------------------------------------
+
+void TorrentEngine::setTrackerFetchStatus(const std::optional<QString> &text)
+{
+    if (text == m_trackerFetchStatus)
+        return;
+    m_trackerFetchStatus = text;
+    emit trackerFetchStatusChanged();
+}
+
+QCoro::Task<void> TorrentEngine::refreshTrackers(bool force)
+{
+    if (m_isShutDown || !m_settings.autoTrackers)
+        co_return;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    if (!force && m_settings.trackersFetchedAt && m_settings.trackersFetchedAt->msecsTo(now) < TrackerListMaxAgeMs)
+        co_return;
+    const QList<QUrl> sources = m_trackerLists.publicLists ? trackerSources(m_settings.profile) : m_trackerLists.urls;
+    if (sources.isEmpty())
+        co_return;
+    const std::chrono::milliseconds timeout = m_trackerLists.timeout;
+    QNetworkAccessManager *network = m_network;
+    setTrackerFetchStatus(QStringLiteral("Обновление…"));
+
+    QPointer<TorrentEngine> self(this);
+    for (const QUrl &source : sources) {
+        const std::optional<QStringList> list = co_await fetchTrackerList(network, source, timeout);
+        if (!self || self->m_isShutDown)
+            co_return;
+        if (!list)
+            continue;
+        // Settings as they are now, not as they were before the wait: the user may have changed
+        // something meanwhile. The setter applies the trackers at once and schedules the save.
+        AppSettings next = self->m_settings;
+        next.fetchedTrackers = *list;
+        next.trackersFetchedAt = QDateTime::currentDateTimeUtc();
+        self->setSettings(next);
+        self->setTrackerFetchStatus(QString::number(list->size()) + QStringLiteral(" · ") + source.host());
+        co_return;
+    }
+    self->setTrackerFetchStatus(QStringLiteral("Источники недоступны"));
 }
 
 // Commands ---------------------------------------------------------------------------------------

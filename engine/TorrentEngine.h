@@ -1,6 +1,9 @@
 #pragma once
 
+#include "checking/CheckingLoadSampler.h"
 #include "checking/CheckingProgressEstimator.h"
+#include "checking/CheckingResourceController.h"
+#include "checking/CheckingResources.h"
 #include "engine/AppSettings.h"
 #include "engine/TorrentMeta.h"
 #include "engine/TorrentReports.h"
@@ -13,6 +16,7 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QStringList>
 #include <QTimer>
 #include <QUrl>
 
@@ -24,6 +28,9 @@
 #include <optional>
 #include <variant>
 
+class LowPowerMonitor;
+class MemoryPressureWatcher;
+class QNetworkAccessManager;
 class SerialQueue;
 struct tb_session;
 
@@ -35,6 +42,19 @@ struct AddResult
 };
 
 using AddOutcome = std::variant<AddResult, EngineError>;
+
+// Where the engine fetches public tracker lists from. The process-wide engine uses the public
+// lists of the current profile; an engine made with the defaults fetches only from the addresses
+// it is given, none at first, so a test or a script never reaches beyond the machine unasked.
+struct TrackerListSources
+{
+    bool publicLists = false;
+    QList<QUrl> urls;
+    // A source that sends nothing for this long has failed.
+    std::chrono::milliseconds timeout{12000};
+
+    static TrackerListSources publicSources() { return TrackerListSources{true, {}, std::chrono::milliseconds(12000)}; }
+};
 
 // The one owner of the torrent session. It polls the bridge on its own serial queue, decodes
 // there, and publishes on the main thread only what changed; everything else in the program
@@ -55,8 +75,10 @@ public:
 
     // An engine on its own data directory; the process-wide one is made through shared().
     // `sessionOverrides` are settings lines applied after all others; tests use them to keep a
-    // session on 127.0.0.1 with nothing that reaches beyond the machine.
-    explicit TorrentEngine(const QString &home, QObject *parent = nullptr, const QString &sessionOverrides = {});
+    // session on 127.0.0.1 with nothing that reaches beyond the machine. The tracker lists are
+    // fetched once at construction from `trackerLists`, when they are due.
+    explicit TorrentEngine(const QString &home, QObject *parent = nullptr, const QString &sessionOverrides = {},
+                           TrackerListSources trackerLists = {});
     ~TorrentEngine() override;
 
     // Published state, main thread only.
@@ -83,6 +105,25 @@ public:
     double lastInterfaceDelay() const { return m_lastInterfaceDelay; }
     // The bridge session, for the player's stream calls. Null after shutdown.
     tb_session *session() const { return m_isShutDown ? nullptr : m_session; }
+
+    // Fetches the public tracker lists into the settings, at most once a day unless `force`,
+    // trying each source in turn; trackerFetchStatus tells how it went. Starts and ends on the
+    // main thread and never blocks it; overlapping calls are allowed, the one that ends last wins.
+    QCoro::Task<void> refreshTrackers(bool force);
+    // Replaces the sources of later fetches; one under way keeps its own.
+    void setTrackerListSources(const TrackerListSources &sources) { m_trackerLists = sources; }
+
+    // Hash check governance. The player says here whether it is playing, which cuts the hashing
+    // threads at once; the rest (load, heat, power, memory pressure, a late main thread) the
+    // engine watches itself and re-evaluates on every poll.
+    bool checkingPlaybackActive() const { return m_checkingPlaybackActive; }
+    void setCheckingPlaybackActive(bool active);
+    const CheckingResources &checkingResources() const { return m_checkingController.current(); }
+    const CheckingResources::Hardware &checkingHardware() const { return m_checkingHardware; }
+    MemoryPressure memoryPressure() const { return m_memoryPressure; }
+    // Cores that other processes keep busy, as last sampled, and when (uptime seconds).
+    double otherBusyCores() const { return m_otherBusyCores; }
+    double lastResourceSample() const { return m_lastResourceSample; }
 
     // Changes the meta of one torrent; saves 1.0 s after the last change when it really changed.
     void updateMeta(const QString &id, const std::function<void(TorrentMeta &)> &change);
@@ -148,17 +189,32 @@ private:
     void enforceSeedLimits();
     AddOutcome finishAdd(char *id, char *error);
     void setToast(const std::optional<QString> &text);
+    void setTrackerFetchStatus(const std::optional<QString> &text);
+    void observeMemoryPressure();
+    void memoryPressureChanged(MemoryPressure level);
+    void updateCheckingResources(bool force);
 
     tb_session *m_session = nullptr;
     std::unique_ptr<SerialQueue> m_queue;
     QTimer *m_timer = nullptr;
     CheckingProgressEstimator m_checkingProgress;
     double m_pollInterval = 0;
+    CheckingResources::Hardware m_checkingHardware;
+    CheckingResourceController m_checkingController;
+    CheckingLoadSampler m_checkingLoad;
+    LowPowerMonitor *m_lowPower = nullptr;
+    MemoryPressureWatcher *m_memoryPressureSource = nullptr;
+    MemoryPressure m_memoryPressure = MemoryPressure::Normal;
+    bool m_checkingPlaybackActive = false;
+    double m_lastResourceSample;
+    double m_otherBusyCores = 0;
     std::optional<double> m_lastTimerTick;
     double m_lastInterfaceDelay;
-    // The hashing resource lines appended to the settings text; the check governor fills them.
+    // The hashing resource lines appended to the settings text, from the controller's result.
     QString m_checkingSettings;
     QString m_sessionOverrides;
+    TrackerListSources m_trackerLists;
+    QNetworkAccessManager *m_network = nullptr;
     QTimer *m_saveSettingsWork = nullptr;
     QTimer *m_saveMetaWork = nullptr;
     std::chrono::steady_clock::time_point m_lastStateSave;
@@ -187,3 +243,8 @@ private:
 
 // Seconds of the monotonic clock, the engine's "system uptime".
 double uptimeSeconds();
+
+// The announce addresses of a fetched tracker list: one a line, blanks trimmed, only udp, http
+// and https (a wss tracker is of no use to the session), at most the first 80. None when the
+// body isn't UTF-8 or fewer than 5 remain, which makes the fetch try the next source.
+std::optional<QStringList> parseTrackerList(const QByteArray &body);

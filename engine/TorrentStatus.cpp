@@ -1,9 +1,12 @@
 #include "engine/TorrentStatus.h"
 
+#include "media/Format.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 
 #include <algorithm>
+#include <cmath>
 
 namespace {
 
@@ -63,14 +66,23 @@ bool readStrings(const QJsonObject &o, const char *key, QStringList &out)
 
 std::optional<double> TorrentStatus::checkingETA() const
 {
-    if (state != QLatin1String("checking") || paused || !error.isEmpty() || total <= 0)
+    if (state != QLatin1String("checking") || paused || !error.isEmpty() || total < 1)
         return std::nullopt;
-    if (!checkingRate || *checkingRate <= 0)
+    if (!checkingRate || *checkingRate < 1)
         return std::nullopt;
     const double done = std::clamp(progress, 0.0, 1.0);
     if (done >= 1)
         return std::nullopt;
     return (1 - done) * static_cast<double>(total) / *checkingRate;
+}
+
+QString TorrentStatus::checkingSpeedText() const
+{
+    if (state != QLatin1String("checking") || paused || !error.isEmpty() || !checkingRate)
+        return QStringLiteral("—");
+    // The estimator caps its rates at 2^62; anything else that is not a sane count reads as 0.
+    const double rate = std::isfinite(*checkingRate) ? std::clamp(*checkingRate, 0.0, 4611686018427387904.0) : 0.0;
+    return Format::bytes(static_cast<qint64>(rate)) + QStringLiteral("/с");
 }
 
 std::optional<TorrentStatus> TorrentStatus::fromJson(const QJsonObject &o)

@@ -56,6 +56,9 @@ struct TorrentStatus
     bool isChecking() const { return state == QLatin1String("checking"); }
     // Seconds left of a running, unpaused, error-free hash check, when a rate is known.
     std::optional<double> checkingETA() const;
+    // The check's rate as "1,5 МБ/с" while such a check runs and a rate is known, "0 байт/с"
+    // once it has stalled, "—" otherwise.
+    QString checkingSpeedText() const;
 
     bool operator==(const TorrentStatus &) const = default;
 
