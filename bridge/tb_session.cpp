@@ -200,16 +200,16 @@ void tb_session::handle_alert(lt::alert *alert)
         }
         case lt::save_resume_data_alert::alert_type: {
             auto *a = lt::alert_cast<lt::save_resume_data_alert>(alert);
-            std::string id;
+            const std::vector<char> bytes = lt::write_resume_data_buf(a->params);
             {
+                // Checked and written under one lock: tb_remove erases the record and deletes
+                // the file under it too, so a removed torrent never gets its file back from a
+                // write that was already on its way.
                 std::lock_guard<std::mutex> guard(mutex);
-                id = id_for_locked(a->handle);
-                // A torrent removed meanwhile must not get its resume file back.
-                if (!id.empty() && torrents.count(id) == 0)
-                    id.clear();
+                const std::string id = id_for_locked(a->handle);
+                if (!id.empty() && torrents.count(id) != 0)
+                    write_file(resume_path(id), bytes);
             }
-            if (!id.empty())
-                write_file(resume_path(id), lt::write_resume_data_buf(a->params));
             [[fallthrough]];
         }
         case lt::save_resume_data_failed_alert::alert_type: {
@@ -416,6 +416,11 @@ void tb_session_destroy(tb_session *s)
     s->piece_reads_changed.notify_all();
 
     try {
+        // The watch runs once a second; a torrent that finished within that second must still
+        // have its complete files on record, or a file deleted before the next start would be
+        // fetched again without a word.
+        s->scan_files();
+
         lt::settings_pack quick;
         quick.set_int(lt::settings_pack::stop_tracker_timeout, 1);
         s->session->apply_settings(std::move(quick));

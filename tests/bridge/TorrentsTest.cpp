@@ -1,0 +1,423 @@
+#include "bridge/BridgeHarness.h"
+
+#include "support/LocalSwarm.h"
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+// The presence file's reader and writer are bridge internals without libtorrent types in their
+// signatures; declared here so the format is tested without the session header.
+namespace tb {
+std::set<int> parse_presence(const std::vector<char> &bytes);
+std::string presence_text(const std::set<int> &present);
+} // namespace tb
+
+using namespace bridgetest;
+using namespace testsupport;
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string Settings = "\nactive_downloads=20\nactive_seeds=20\nactive_limit=50\nactive_checking=4\n";
+
+std::string settingsText()
+{
+    return quietSettingsText(freeTcpPort()) + Settings;
+}
+
+// Two files, so that one can go missing while the other stays; in a hybrid torrent a pad file
+// stands between them and the second file's index is 2, not 1.
+void makeTwoFiles(const std::string &root, const std::string &name, int64_t first, int64_t second,
+                  uint32_t seed)
+{
+    writePatternFile(root + "/" + name + "/a.bin", first, seed);
+    writePatternFile(root + "/" + name + "/b.bin", second, seed + 100);
+}
+
+struct FileEntry
+{
+    int index = 0;
+    std::string path;
+};
+
+std::vector<FileEntry> realFiles(tb_session *session, const std::string &id)
+{
+    std::vector<FileEntry> files;
+    for (const QJsonValue &v : parse(take(tb_files_json(session, id.c_str()))).array()) {
+        const QJsonObject f = v.toObject();
+        if (!f.value("pad").toBool())
+            files.push_back({f.value("i").toInt(), f.value("path").toString().toStdString()});
+    }
+    return files;
+}
+
+std::string presenceOf(const std::vector<FileEntry> &files, const std::string &word = "v1")
+{
+    std::string text = word + "\n";
+    for (const FileEntry &f : files)
+        text += std::to_string(f.index) + "\n";
+    return text;
+}
+
+void writeText(const std::string &path, const std::string &text)
+{
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+std::string resumeFile(const std::string &state, const std::string &id, const char *ext = ".resume")
+{
+    return state + "/resume/" + id + ext;
+}
+
+std::string stateOf(const QJsonObject &status)
+{
+    return str(status, "state");
+}
+
+} // namespace
+
+TEST(TorrentsTest, PresenceFileKeepsIndexesOnlyUnderItsOwnFormatWord)
+{
+    struct Row
+    {
+        const char *text;
+        std::set<int> present;
+    };
+    const std::array<Row, 8> rows{{
+        {"v1\n0\n2\n", {0, 2}},
+        {"v1\n", {}},
+        {"v1\n7\n3\n3\n", {3, 7}},
+        {"v1\r\n4\r\n", {4}},
+        {"v1\n-1\nx\n5z\n9\n", {9}},
+        {"v2\n0\n2\n", {}},
+        {"V1\n1\n", {}},
+        {"", {}},
+    }};
+    for (const Row &row : rows) {
+        const std::string text = row.text;
+        EXPECT_EQ(tb::parse_presence(std::vector<char>(text.begin(), text.end())), row.present)
+            << "text: " << text;
+    }
+    const std::string written = tb::presence_text({12, 0, 3});
+    EXPECT_EQ(written, "v1\n0\n3\n12\n");
+    EXPECT_EQ(tb::parse_presence(std::vector<char>(written.begin(), written.end())), (std::set<int>{0, 3, 12}));
+}
+
+TEST(TorrentsTest, AddsFilesAndMagnetsWithTheirOptionsAndRemovesThem)
+{
+    TempDir tmp;
+    const std::string state = tmp.file("state");
+    // A resume file that doesn't parse stays for the next start; its id names no torrent.
+    const std::string stray(40, 'e');
+    writeText(resumeFile(state, stray), "not resume data");
+    writeText(resumeFile(state, stray, ".presence"), "v1\n0\n");
+
+    makeTwoFiles(tmp.path(), "Alpha", 40000, 24000, 1);
+    makeTwoFiles(tmp.path(), "Beta", 30000, 10000, 2);
+    const MadeTorrent alpha = makeTorrent(tmp.path(), "Alpha", tmp.file("torrents"));
+    TorrentOptions v1;
+    v1.v1Only = true;
+    const MadeTorrent beta = makeTorrent(tmp.path(), "Beta", tmp.file("torrents"), v1);
+    const std::string magnetId(40, 'c');
+    const std::string savePath = "save_path=" + tmp.path() + "\n";
+
+    BridgeSession s(state, settingsText());
+    EXPECT_TRUE(statusJson(s.get()).value("torrents").toArray().isEmpty());
+
+    char *error = nullptr;
+    const std::string alphaId = take(tb_add_torrent(s.get(), alpha.torrentPath.c_str(),
+                                                    (savePath + "paused=1\npriorities=7,0,0\n").c_str(), &error));
+    EXPECT_EQ(alphaId, alpha.id);
+    EXPECT_EQ(error, nullptr);
+    const std::string betaId = take(tb_add_torrent(s.get(), beta.torrentPath.c_str(),
+                                                   (savePath + "sequential=1").c_str(), nullptr));
+    EXPECT_EQ(betaId, beta.id);
+    // Priorities can't apply to a link whose files are unknown; they must not break the add.
+    const std::string magnetIdGot = take(tb_add_magnet(
+        s.get(), ("magnet:?xt=urn:btih:" + magnetId + "&dn=later").c_str(),
+        (savePath + "paused=1\npriorities=1,2").c_str(), &error));
+    EXPECT_EQ(magnetIdGot, magnetId);
+    EXPECT_EQ(error, nullptr);
+
+    const QJsonObject a = torrentStatus(s.get(), alphaId);
+    EXPECT_TRUE(a.value("paused").toBool());
+    EXPECT_FALSE(a.value("autoManaged").toBool());
+    EXPECT_FALSE(a.value("sequential").toBool());
+    EXPECT_TRUE(a.value("hasMetadata").toBool());
+    const QJsonObject b = torrentStatus(s.get(), betaId);
+    EXPECT_FALSE(b.value("paused").toBool());
+    EXPECT_TRUE(b.value("autoManaged").toBool()) << "no paused key means the queue manages it";
+    EXPECT_TRUE(b.value("sequential").toBool());
+    const QJsonObject m = torrentStatus(s.get(), magnetId);
+    EXPECT_FALSE(m.value("hasMetadata").toBool());
+    EXPECT_EQ(take(tb_files_json(s.get(), magnetId.c_str())), "[]");
+
+    std::map<std::string, int> priorities;
+    for (const QJsonValue &v : parse(take(tb_files_json(s.get(), alphaId.c_str()))).array())
+        priorities[v.toObject().value("path").toString().toStdString()] = v.toObject().value("prio").toInt();
+    EXPECT_EQ(priorities["Alpha/a.bin"], 7);
+    EXPECT_EQ(priorities["Alpha/b.bin"], 0);
+
+    // A file path or a link; the error text goes to `out` when it isn't null.
+    const auto addEither = [&](const std::string &input, const char *options, char **out) {
+        const bool link = input.rfind("magnet:", 0) == 0 || input.rfind("http:", 0) == 0;
+        return take(link ? tb_add_magnet(s.get(), input.c_str(), options, out)
+                         : tb_add_torrent(s.get(), input.c_str(), options, out));
+    };
+    // A duplicate answers with the id the torrent was added under, also when it comes by the
+    // other half of a hybrid hash, and leaves the torrent as it was.
+    const std::array<std::pair<std::string, std::string>, 3> duplicates{{
+        {alpha.torrentPath, alphaId},
+        {"magnet:?xt=urn:btih:" + alpha.v1Hex, alphaId},
+        {"magnet:?xt=urn:btih:" + magnetId, magnetId},
+    }};
+    for (const auto &[input, expectedId] : duplicates) {
+        char *dupError = nullptr;
+        EXPECT_EQ(addEither(input, "paused=0", &dupError), expectedId) << input;
+        EXPECT_EQ(take(dupError), "duplicate") << input;
+    }
+    EXPECT_EQ(statusJson(s.get()).value("torrents").toArray().size(), 3);
+    EXPECT_TRUE(torrentStatus(s.get(), alphaId).value("paused").toBool());
+
+    writeText(tmp.file("text.torrent"), "this is not bencoded");
+    for (const std::string &input : {tmp.file("absent.torrent"), tmp.file("text.torrent"), std::string(),
+                                     std::string("magnet:?xt=urn:btih:xyz"), std::string("http://127.0.0.1/a.torrent")}) {
+        char *refusedError = nullptr;
+        EXPECT_EQ(addEither(input, "", &refusedError), "") << input;
+        EXPECT_FALSE(take(refusedError).empty()) << input;
+        // Without a place for the text the call still just fails.
+        EXPECT_EQ(addEither(input, "", nullptr), "") << input;
+    }
+
+    // Each added torrent is on disk from its first second, magnet included.
+    for (const std::string &id : {alphaId, betaId, magnetId}) {
+        EXPECT_TRUE(waitFor([&] { return fs::exists(resumeFile(state, id)); })) << id;
+        EXPECT_EQ(readWholeFile(resumeFile(state, id, ".presence")).substr(0, 3), "v1\n") << id;
+    }
+
+    EXPECT_FALSE(tb_remove(s.get(), stray.c_str(), 0));
+    EXPECT_FALSE(tb_remove(s.get(), "not an id", 1));
+    EXPECT_FALSE(tb_remove(s.get(), nullptr, 0));
+    EXPECT_EQ(readWholeFile(resumeFile(state, stray)), "not resume data");
+    EXPECT_EQ(readWholeFile(resumeFile(state, stray, ".presence")), "v1\n0\n");
+
+    ASSERT_TRUE(tb_remove(s.get(), betaId.c_str(), 0));
+    EXPECT_FALSE(fs::exists(resumeFile(state, betaId)));
+    EXPECT_FALSE(fs::exists(resumeFile(state, betaId, ".presence")));
+    EXPECT_TRUE(torrentStatus(s.get(), betaId).isEmpty());
+    EXPECT_TRUE(fs::exists(tmp.file("Beta/a.bin"))) << "flags 0 keeps the data";
+    EXPECT_FALSE(tb_remove(s.get(), betaId.c_str(), 0));
+
+    ASSERT_TRUE(tb_remove(s.get(), alphaId.c_str(), 1));
+    EXPECT_TRUE(waitFor([&] { return !fs::exists(tmp.file("Alpha/a.bin")); }));
+
+    s.close();
+    // The last saves at shutdown write only what is still there.
+    EXPECT_FALSE(fs::exists(resumeFile(state, betaId)));
+    EXPECT_FALSE(fs::exists(resumeFile(state, alphaId)));
+    EXPECT_TRUE(fs::exists(resumeFile(state, magnetId)));
+}
+
+TEST(TorrentsTest, BtihLinkOfHybridTorrentKeepsItsIdThroughMetadataAndRestarts)
+{
+    TempDir tmp;
+    makeTwoFiles(tmp.file("seed"), "Show", 300000, 200000, 7);
+    const MadeTorrent show = makeTorrent(tmp.file("seed"), "Show", tmp.file("torrents"));
+    ASSERT_NE(show.id, show.v1Hex) << "the torrent must be hybrid for the id to matter";
+    LocalSeeder seeder;
+    ASSERT_TRUE(seeder.seed(show));
+
+    const std::string state = tmp.file("state");
+    const std::string down = tmp.file("down");
+    const std::string settings = settingsText();
+    const std::string options = "save_path=" + down;
+
+    {
+        BridgeSession s(state, settings);
+        char *error = nullptr;
+        const std::string id = take(tb_add_magnet(s.get(), seeder.magnet(show).c_str(), options.c_str(), &error));
+        ASSERT_EQ(id, show.v1Hex);
+        EXPECT_EQ(error, nullptr);
+
+        std::vector<std::string> metadataEvents;
+        ASSERT_TRUE(waitFor([&] {
+            for (const QJsonValue &e : parse(take(tb_poll_events(s.get()))).array()) {
+                if (e.toObject().value("type").toString() == "metadata")
+                    metadataEvents.push_back(str(e.toObject(), "id"));
+            }
+            return torrentStatus(s.get(), id).value("seeding").toBool();
+        }, std::chrono::seconds(90)));
+        EXPECT_EQ(metadataEvents, std::vector<std::string>{show.v1Hex});
+        const QJsonObject st = torrentStatus(s.get(), id);
+        EXPECT_EQ(str(st, "name"), show.name);
+        EXPECT_EQ(stateOf(st), "seeding");
+        EXPECT_EQ(readWholeFile(down + "/Show/b.bin"), readWholeFile(tmp.file("seed/Show/b.bin")));
+
+        // The metadata now names the v2 hash; the torrent is still known by the link's id.
+        char *dupError = nullptr;
+        EXPECT_EQ(take(tb_add_torrent(s.get(), show.torrentPath.c_str(), options.c_str(), &dupError)), show.v1Hex);
+        EXPECT_EQ(take(dupError), "duplicate");
+        EXPECT_EQ(take(tb_files_json(s.get(), show.id.c_str())), "[]");
+        const std::vector<FileEntry> files = realFiles(s.get(), id);
+        EXPECT_EQ(files.size(), 2u);
+        EXPECT_EQ(statusJson(s.get()).value("torrents").toArray().size(), 1);
+        // The file watch records complete files on its next round; only then does the state
+        // directory know that a later absence means deleted, not never fetched.
+        EXPECT_TRUE(waitFor([&] { return readWholeFile(resumeFile(state, id, ".presence")) == presenceOf(files); }));
+    }
+    EXPECT_TRUE(fs::exists(resumeFile(state, show.v1Hex)));
+    EXPECT_FALSE(fs::exists(resumeFile(state, show.id)));
+
+    {
+        // All files in place: back under the same id, hashed again and seeding as before.
+        BridgeSession s(state, settings);
+        const QJsonObject first = torrentStatus(s.get(), show.v1Hex);
+        ASSERT_FALSE(first.isEmpty());
+        EXPECT_TRUE(first.value("hasMetadata").toBool());
+        ASSERT_TRUE(waitFor([&] { return stateOf(torrentStatus(s.get(), show.v1Hex)) == "seeding"; },
+                            std::chrono::seconds(60)));
+        const QJsonObject st = torrentStatus(s.get(), show.v1Hex);
+        EXPECT_FALSE(st.value("paused").toBool());
+        EXPECT_TRUE(st.value("autoManaged").toBool());
+        EXPECT_EQ(st.value("wantedDone").toInteger(), st.value("wanted").toInteger());
+    }
+
+    // A finished file deleted while the program was closed: the torrent comes back held, and
+    // the seeder next door must not fill the file in again.
+    fs::remove(down + "/Show/b.bin");
+    {
+        BridgeSession s(state, settings);
+        const QJsonObject first = torrentStatus(s.get(), show.v1Hex);
+        ASSERT_FALSE(first.isEmpty());
+        EXPECT_TRUE(first.value("paused").toBool());
+        EXPECT_FALSE(first.value("autoManaged").toBool());
+        ASSERT_TRUE(waitFor([&] { return stateOf(torrentStatus(s.get(), show.v1Hex)) == "missing"; }));
+        const QJsonObject st = torrentStatus(s.get(), show.v1Hex);
+        EXPECT_TRUE(st.value("paused").toBool());
+        EXPECT_FALSE(st.value("seeding").toBool());
+        EXPECT_NE(str(st, "error").find("b.bin"), std::string::npos) << str(st, "error");
+        EXPECT_FALSE(fs::exists(down + "/Show/b.bin"));
+    }
+}
+
+TEST(TorrentsTest, RestoreHashesEveryTorrentAndHoldsBackOnlyOnesMissingAWantedFile)
+{
+    enum class Presence { Listed, OtherWord, Absent };
+    enum class Damage { None, DeleteSecond, RewriteFirst };
+    struct Row
+    {
+        const char *name;
+        Presence presence;
+        const char *options;
+        Damage damage;
+        bool held;
+        const char *settled; // the state it ends in after the check
+    };
+    const std::array<Row, 6> rows{{
+        {"Gone", Presence::Listed, "", Damage::DeleteSecond, true, "missing"},
+        // Not a format this build knows: nothing is held back, the check finds the hole.
+        {"Foreign", Presence::OtherWord, "", Damage::DeleteSecond, false, "downloading"},
+        // No presence file: the resume data's pieces say which files were there.
+        {"Pieces", Presence::Absent, "", Damage::DeleteSecond, true, "missing"},
+        // A file the user switched off may be deleted on purpose.
+        {"Unwanted", Presence::Listed, "priorities=4,0,0\n", Damage::DeleteSecond, false, "finished"},
+        // Same size, other bytes: only a real hash check can tell.
+        {"Damaged", Presence::Listed, "", Damage::RewriteFirst, false, "downloading"},
+        {"Intact", Presence::Listed, "", Damage::None, false, "seeding"},
+    }};
+
+    TempDir tmp;
+    const std::string state = tmp.file("state");
+    const std::string content = tmp.file("content");
+    const std::string settings = settingsText();
+    const std::string magnetId(40, 'a');
+    std::map<std::string, MadeTorrent> made;
+    std::map<std::string, std::vector<FileEntry>> files;
+    uint32_t seed = 10;
+    for (const Row &row : rows) {
+        makeTwoFiles(content, row.name, 40000, 24000, seed++);
+        made[row.name] = makeTorrent(content, row.name, tmp.file("torrents"));
+    }
+
+    {
+        BridgeSession s(state, settings);
+        for (const Row &row : rows) {
+            const std::string options = "save_path=" + content + "\n" + row.options;
+            ASSERT_EQ(take(tb_add_torrent(s.get(), made[row.name].torrentPath.c_str(), options.c_str(), nullptr)),
+                      made[row.name].id) << row.name;
+        }
+        ASSERT_EQ(take(tb_add_magnet(s.get(), ("magnet:?xt=urn:btih:" + magnetId).c_str(),
+                                     ("save_path=" + content).c_str(), nullptr)),
+                  magnetId);
+        ASSERT_TRUE(waitFor([&] {
+            for (const Row &row : rows) {
+                const std::string st = stateOf(torrentStatus(s.get(), made[row.name].id));
+                if (st != "seeding" && st != "finished")
+                    return false;
+            }
+            return true;
+        }, std::chrono::seconds(60)));
+        for (const Row &row : rows) {
+            files[row.name] = realFiles(s.get(), made[row.name].id);
+            ASSERT_EQ(files[row.name].size(), 2u) << row.name;
+        }
+    }
+
+    for (const Row &row : rows) {
+        const std::string id = made[row.name].id;
+        const std::string presence = resumeFile(state, id, ".presence");
+        if (row.presence == Presence::Listed)
+            writeText(presence, presenceOf(files[row.name]));
+        else if (row.presence == Presence::OtherWord)
+            writeText(presence, presenceOf(files[row.name], "v2"));
+        else
+            fs::remove(presence);
+        if (row.damage == Damage::DeleteSecond)
+            fs::remove(content + "/" + files[row.name][1].path);
+        else if (row.damage == Damage::RewriteFirst)
+            writePatternFile(content + "/" + files[row.name][0].path, 40000, 999);
+    }
+
+    BridgeSession s(state, settings);
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        const QJsonObject st = torrentStatus(s.get(), made[row.name].id);
+        ASSERT_FALSE(st.isEmpty());
+        EXPECT_EQ(st.value("paused").toBool(), row.held);
+        EXPECT_EQ(st.value("autoManaged").toBool(), !row.held);
+    }
+    ASSERT_TRUE(waitFor([&] {
+        for (const Row &row : rows) {
+            if (stateOf(torrentStatus(s.get(), made[row.name].id)) != row.settled)
+                return false;
+        }
+        return true;
+    }, std::chrono::seconds(60))) << take(tb_status_json(s.get()));
+
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        const QJsonObject st = torrentStatus(s.get(), made[row.name].id);
+        if (row.damage == Damage::DeleteSecond) {
+            EXPECT_FALSE(fs::exists(content + "/" + files[row.name][1].path));
+        } else if (row.damage == Damage::RewriteFirst) {
+            EXPECT_LT(st.value("wantedDone").toInteger(), st.value("wanted").toInteger())
+                << "the resume data's piece list must not be believed";
+        }
+    }
+
+    // A link saved before its metadata came back as a link, under its id.
+    const QJsonObject magnet = torrentStatus(s.get(), magnetId);
+    ASSERT_FALSE(magnet.isEmpty());
+    EXPECT_FALSE(magnet.value("hasMetadata").toBool());
+    EXPECT_EQ(stateOf(magnet), "metadata");
+    EXPECT_EQ(take(tb_files_json(s.get(), magnetId.c_str())), "[]");
+}
