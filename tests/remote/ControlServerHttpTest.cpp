@@ -1,0 +1,210 @@
+#include "ControlServerHarness.h"
+#include "remote/HttpRequest.h"
+
+#include <vector>
+
+using namespace controltest;
+
+namespace {
+
+TEST(HttpRequestTest, ReadsTheRequestLineAndOnlyWholeHeaderLines)
+{
+    const auto request = parseHttpRequest("POST  /state?x=1   HTTP/1.1\r\nHost: 127.0.0.1:80\r\nX-A:  b \r\n\r\nbody");
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->method, QStringLiteral("POST"));
+    EXPECT_EQ(request->target, QStringLiteral("/state?x=1"));
+    EXPECT_TRUE(request->headComplete);
+    EXPECT_EQ(request->header("x-a"), QByteArray("b"));
+
+    // A line the read cut could be the start of anything: it doesn't count.
+    const auto cut = parseHttpRequest("GET /state HTTP/1.1\r\nHost: 127.0.0.1.example");
+    ASSERT_TRUE(cut);
+    EXPECT_FALSE(cut->headComplete);
+    EXPECT_EQ(cut->header("host"), std::nullopt);
+
+    EXPECT_EQ(parseHttpRequest("GET")->target, QStringLiteral("/"));
+    EXPECT_EQ(parseHttpRequest(QByteArray()), std::nullopt);
+    EXPECT_EQ(parseHttpRequest("GET /\xff\xfe HTTP/1.1\r\n\r\n"), std::nullopt);
+}
+
+TEST(HttpRequestTest, RefusesWhatAWebPageCouldHaveSent)
+{
+    struct Row
+    {
+        const char *head;
+        bool foreign;
+    };
+    const std::vector<Row> rows{
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.1:8080\r\n\r\n", false},
+        {"GET / HTTP/1.1\r\nHost: LOCALHOST\r\n\r\n", false},
+        {"GET / HTTP/1.1\r\nHost: [::1]:8080\r\n\r\n", false},
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.2\r\n\r\n", false},
+        {"GET / HTTP/1.0\r\n\r\n", false}, // no Host at all: a script
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nOrigin: http://localhost:3000\r\nSec-Fetch-Site: same-origin\r\n\r\n", false},
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nSec-Fetch-Site: none\r\n\r\n", false}, // typed into the address bar
+        // DNS rebinding: the page's own name now points at 127.0.0.1.
+        {"GET / HTTP/1.1\r\nHost: evil.example:8080\r\n\r\n", true},
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.1.evil.example\r\n\r\n", true},
+        {"GET / HTTP/1.1\r\nHost: 0.0.0.0:8080\r\n\r\n", true},
+        {"GET / HTTP/1.1\r\nHost: [::1\r\n\r\n", true},
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nOrigin: https://evil.example\r\n\r\n", true},
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nOrigin: null\r\n\r\n", true},
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nReferer: https://evil.example/page\r\n\r\n", true},
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nSec-Fetch-Site: cross-site\r\n\r\n", true},
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nSec-Fetch-Site: Same-Site\r\n\r\n", true},
+        // A head the read cut short: a foreign Origin could stand past the cut.
+        {"GET /remove?id=x&data=1&pad=aaaa", true},
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n", true},
+    };
+    for (const Row &row : rows)
+        EXPECT_EQ(isForeignRequest(*parseHttpRequest(row.head)), row.foreign) << row.head;
+}
+
+TEST(HttpRequestTest, RangesResolveAgainstTheFileSize)
+{
+    struct Row
+    {
+        std::optional<QByteArray> header;
+        qint64 size;
+        RangeAnswer answer;
+    };
+    const RangeAnswer whole{200, {0, 1000}};
+    const RangeAnswer none{416, {0, 0}};
+    const std::vector<Row> rows{
+        {std::nullopt, 1000, whole},
+        {QByteArray("bytes=0-99"), 1000, {206, {0, 100}}},
+        {QByteArray("bytes=500-"), 1000, {206, {500, 500}}},
+        {QByteArray("Bytes=990-2000"), 1000, {206, {990, 10}}},
+        {QByteArray("bytes=-100"), 1000, {206, {900, 100}}},
+        {QByteArray("bytes=-5000"), 1000, {206, {0, 1000}}},
+        {QByteArray("bytes=1000-"), 1000, none},
+        {QByteArray("bytes=-0"), 1000, none},
+        {QByteArray("bytes=0-"), 0, none},
+        // Ignored, and the whole file goes out: a server may always do that.
+        {QByteArray("bytes=5-2"), 1000, whole},
+        {QByteArray("bytes=0-1,5-6"), 1000, whole},
+        {QByteArray("items=0-1"), 1000, whole},
+        {QByteArray("bytes=+1-2"), 1000, whole},
+        {QByteArray("bytes=99999999999999999999-"), 1000, whole},
+    };
+    for (const Row &row : rows)
+        EXPECT_EQ(resolveRange(row.header, row.size), row.answer) << row.header.value_or("(none)").constData();
+}
+
+class ControlServerHttpTest : public ControlServerFixture
+{
+protected:
+    void SetUp() override
+    {
+        startServer();
+        server->setQuitHandler([this] { ++quits; });
+    }
+    int quits = 0;
+};
+
+TEST_F(ControlServerHttpTest, AnyMethodGetsTheSameAnswerWithSortedKeysAndClose)
+{
+    const HttpAnswer viaGet = get("/state");
+    ASSERT_EQ(viaGet.status, 200);
+    EXPECT_EQ(viaGet.headers.value("content-type"), QByteArray("application/json; charset=utf-8"));
+    EXPECT_EQ(viaGet.headers.value("connection"), QByteArray("close"));
+    EXPECT_EQ(viaGet.headers.value("content-length").toLongLong(), viaGet.body.size());
+    EXPECT_EQ(exchange(port, request(port, "/state", {}, "POST")).body, viaGet.body);
+    EXPECT_EQ(exchange(port, request(port, "/state", {}, "DELETE")).body, viaGet.body);
+
+    // Sorted at every level, so scripts can diff two answers.
+    EXPECT_TRUE(viaGet.body.startsWith(R"({"player":{"audio":[],"buffering":false,)")) << viaGet.body.constData();
+    const QList<QByteArray> parts{R"("session":)", R"("toast":)", R"("torrents":)", R"("trackers":)", R"("ui":)"};
+    for (qsizetype i = 1; i < parts.size(); ++i)
+        EXPECT_LT(viaGet.body.indexOf(parts.at(i - 1)), viaGet.body.indexOf(parts.at(i)));
+    EXPECT_TRUE(viaGet.object().value(QStringLiteral("player")).toObject().value(QStringLiteral("firstFrameAfter")).isNull());
+}
+
+TEST_F(ControlServerHttpTest, ErrorsAreJsonWithStatus200)
+{
+    struct Row
+    {
+        QByteArray target;
+        QString error;
+    };
+    const std::vector<Row> rows{
+        {"/nosuch", QStringLiteral("unknown")},
+        {"/state?x=%zz", QStringLiteral("bad request")},
+        {"/add", QStringLiteral("path")},
+        {"/open", QStringLiteral("path")},
+        {"/play?id=abc", QStringLiteral("id/file")},
+        {"/play?id=abc&file=0", QStringLiteral("file")},
+        {"/track?kind=sub&option=s1", QStringLiteral("option")},
+        {"/key?code=70000", QStringLiteral("code")},
+        {"/snapshot?window=nosuch&path=/tmp/a.png", QStringLiteral("window/path")},
+    };
+    for (const Row &row : rows) {
+        const HttpAnswer answer = get(row.target);
+        EXPECT_EQ(answer.status, 200) << row.target.constData();
+        EXPECT_EQ(answer.object().value(QStringLiteral("error")).toString(), row.error) << row.target.constData();
+    }
+    // Without windows or offers, those routes answer as for a program that has none.
+    EXPECT_EQ(getJson("/window?open=player").value(QStringLiteral("windows")).toArray(), QJsonArray());
+    EXPECT_EQ(getJson("/offers?action=refresh").value(QStringLiteral("offers")).toArray(), QJsonArray());
+    EXPECT_EQ(get("/contents-action?action=togglePause").body, QByteArray(R"({"ok":false})"));
+}
+
+TEST_F(ControlServerHttpTest, SelectDrivesTheWindowStateAndIgnoresUnknownValues)
+{
+    get("/select?settings=1&settingsPage=network&tab=peers&filter=paused&search=%20film&layout=table&sort=size"
+        "&details=1&contents=abc&compact=1&contentsSearch=ep&transferDetails=toggle");
+    EXPECT_TRUE(ui->showSettings());
+    EXPECT_EQ(ui->settingsPage(), SettingsPage::network);
+    EXPECT_EQ(ui->tab(), DetailTab::peers);
+    EXPECT_EQ(ui->filter(), TorrentFilter::paused);
+    EXPECT_EQ(ui->search(), QStringLiteral(" film"));
+    EXPECT_TRUE(ui->showDetails());
+    EXPECT_EQ(ui->openedTorrentID(), QStringLiteral("abc"));
+    EXPECT_TRUE(ui->contentsCompact());
+    EXPECT_EQ(ui->contentsQuery(), QStringLiteral("ep"));
+    // The preferences went to disk in the same step.
+    const LibraryPreferences saved{LibraryLayout::table, LibrarySort::size, true};
+    EXPECT_EQ(LibraryPreferences::load(ui->preferencesPath()), saved);
+
+    get("/select?filter=bogus&layout=mosaic&tab=&settings=0&contents=&id=t1");
+    EXPECT_FALSE(ui->showSettings());
+    EXPECT_EQ(ui->filter(), TorrentFilter::all); // an id goes back to the whole library
+    EXPECT_EQ(ui->selection(), QSet<QString>{QStringLiteral("t1")});
+    EXPECT_EQ(ui->preferences(), saved);
+    EXPECT_EQ(ui->tab(), DetailTab::peers);
+    EXPECT_EQ(ui->openedTorrentID(), QString());
+    get("/select?clear=1");
+    EXPECT_TRUE(state().value(QStringLiteral("ui")).toObject().value(QStringLiteral("selection")).toArray().isEmpty());
+}
+
+TEST_F(ControlServerHttpTest, ForeignRequestsAreRefusedAndChangeNothing)
+{
+    const std::vector<QByteArray> heads{
+        "GET /select?filter=paused HTTP/1.1\r\nHost: rebound.example\r\n\r\n",
+        request(port, "/select?filter=paused", "Origin: https://evil.example\r\n"),
+        request(port, "/select?filter=paused", "Sec-Fetch-Site: cross-site\r\n"),
+        request(port, "/quit", "Origin: null\r\n"),
+        request(port, "/stream/abc/0/a.mkv", "Referer: https://evil.example/\r\n"),
+        // A head longer than the one read of 64 KiB is cut, and a cut head can't be judged.
+        "GET /select?filter=paused&pad=" + QByteArray(100 * 1024, 'a') + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n",
+    };
+    for (const QByteArray &head : heads)
+        EXPECT_EQ(exchange(port, head).body, QByteArray(R"({"error":"forbidden"})")) << head.left(80).constData();
+    EXPECT_EQ(ui->filter(), TorrentFilter::all);
+
+    // A script's request goes through, whatever body follows its head.
+    EXPECT_EQ(exchange(port, request(port, "/select?filter=seeding") + QByteArray(200 * 1024, 'x')).body,
+              QByteArray(R"({"ok":true})"));
+    EXPECT_EQ(ui->filter(), TorrentFilter::seeding);
+    get("/quit");
+    EXPECT_TRUE(testsupport::waitFor([this] { return quits > 0; }));
+}
+
+TEST_F(ControlServerHttpTest, ConnectionsWithoutUsableDataGetNoAnswer)
+{
+    RawExchange binary(port, "\xff\xfe\xfd\r\n\r\n");
+    EXPECT_FALSE(binary.finish().answered);
+    EXPECT_TRUE(binary.received().isEmpty());
+}
+
+} // namespace

@@ -1,0 +1,78 @@
+#include "ControlServerHarness.h"
+#include "support/MediaMaker.h"
+
+using namespace controltest;
+using testsupport::waitFor;
+
+namespace {
+
+// The player driven over HTTP: real libmpv (no picture, no sound) playing a torrent that comes
+// from a seeder on 127.0.0.1.
+class ControlServerPlayerTest : public ControlServerFixture
+{
+protected:
+    void SetUp() override
+    {
+        testsupport::MediaOptions options;
+        options.seconds = 8;
+        options.width = 160;
+        options.height = 90;
+        options.audioTracks = 2;
+        options.subtitles = true;
+        ASSERT_TRUE(testsupport::makeVideo(content.file("Clip/Clip.mkv"), options)) << "ffmpeg could not make the clip";
+        made = testsupport::makeTorrent(content.path(), "Clip", content.path());
+        ASSERT_TRUE(seeder.seed(made));
+        startServer(true);
+    }
+
+    QJsonObject playerState() { return state().value(QStringLiteral("player")).toObject(); }
+    QString selected(const QString &menu)
+    {
+        for (const QJsonValue &option : playerState().value(menu).toArray()) {
+            if (option.toObject().value(QStringLiteral("selected")).toBool())
+                return option.toObject().value(QStringLiteral("id")).toString();
+        }
+        return {};
+    }
+
+    testsupport::TempDir content;
+    testsupport::MadeTorrent made;
+    testsupport::LocalSeeder seeder;
+};
+
+TEST_F(ControlServerPlayerTest, PlayChooseTracksSeekPauseAndStop)
+{
+    const QByteArray id = add(made);
+    ASSERT_FALSE(id.isEmpty());
+    seeder.connectTo(made, enginePort);
+
+    EXPECT_EQ(get("/play?id=" + id + "&file=0").body, QByteArray(R"({"ok":true})"));
+    const QJsonObject item = playerState().value(QStringLiteral("item")).toObject();
+    EXPECT_EQ(item.value(QStringLiteral("id")).toString().toUtf8(), id);
+    EXPECT_EQ(item.value(QStringLiteral("name")).toString(), QStringLiteral("Clip.mkv"));
+
+    // The two diagnostics of an open: the first track list and the first frame.
+    ASSERT_TRUE(waitFor([&] { return playerState().value(QStringLiteral("firstFrameAfter")).isDouble(); }));
+    ASSERT_TRUE(waitFor([&] { return playerState().value(QStringLiteral("tracksReadyAfter")).isDouble(); }));
+    const QJsonArray audio = playerState().value(QStringLiteral("audio")).toArray();
+    ASSERT_EQ(audio.size(), 2);
+
+    const QString second = audio.at(1).toObject().value(QStringLiteral("id")).toString();
+    EXPECT_EQ(get("/track?kind=audio&option=" + second.toUtf8()).body, QByteArray(R"({"ok":true})"));
+    EXPECT_TRUE(waitFor([&] { return selected(QStringLiteral("audio")) == second; }));
+    get("/track?kind=sub&option=off");
+    EXPECT_TRUE(waitFor([&] { return selected(QStringLiteral("subtitles")) == QStringLiteral("off"); }));
+
+    get("/pause?on=1");
+    ASSERT_TRUE(waitFor([&] { return playerState().value(QStringLiteral("paused")).toBool(); }));
+    get("/seek?t=5");
+    EXPECT_TRUE(waitFor([&] { return playerState().value(QStringLiteral("position")).toDouble() >= 4.0; }));
+    EXPECT_TRUE(getJson("/key?code=49").value(QStringLiteral("handled")).isBool());
+    EXPECT_FALSE(getJson("/player-diagnostics").isEmpty());
+
+    EXPECT_EQ(get("/stop").body, QByteArray(R"({"ok":true})"));
+    EXPECT_TRUE(playerState().value(QStringLiteral("item")).isNull());
+    EXPECT_FALSE(playerState().value(QStringLiteral("loaded")).toBool());
+}
+
+} // namespace
