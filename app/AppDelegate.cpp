@@ -2,11 +2,28 @@
 
 #include "app/LaunchEnvironment.h"
 #include "engine/TorrentEngine.h"
+#include "library/MainUIState.h"
+#include "playback/PlayerModel.h"
+#include "remote/AutomationServer.h"
+#include "remote/ControlServer.h"
 
 AppDelegate::AppDelegate(QObject *parent)
     : QObject(parent)
     , m_engineFactory([] { return TorrentEngine::shared(); })
 {
+    m_stopSteps.stopAutomation = [this] {
+        if (m_processServices)
+            AutomationServer::shared()->stop();
+    };
+    m_stopSteps.stopPlayer = [this] {
+        // Streams read through the session, so they end before it does.
+        if (m_control)
+            m_control->stopStreams();
+        if (m_processServices && PlayerModel::hasShared()) {
+            PlayerModel::shared()->stop();
+            PlayerModel::shared()->destroyCore();
+        }
+    };
 }
 
 void AppDelegate::applicationWillFinishLaunching()
@@ -21,8 +38,14 @@ void AppDelegate::applicationDidFinishLaunching()
         m_engine->appendPendingOpen(m_earlyUrls);
         m_earlyUrls.clear();
     }
+    if (m_processServices)
+        AutomationServer::shared()->start();
     // A port that doesn't parse is ignored without a word: scripts set it, users don't.
     m_controlPort = LaunchEnvironment::parseControlPort(qEnvironmentVariable("VELIX_CONTROL_PORT"));
+    if (m_controlPort && m_processServices) {
+        m_control = new ControlServer(m_engine, PlayerModel::shared(), MainUIState::shared(), this);
+        m_control->start(*m_controlPort);
+    }
 }
 
 void AppDelegate::openUrls(const QList<QUrl> &urls)

@@ -8,6 +8,7 @@
 #include <functional>
 #include <optional>
 
+class ControlServer;
 class TorrentEngine;
 
 // The process's start and stop order. Services that come up after the engine register their
@@ -40,6 +41,10 @@ public:
     bool background() const { return m_background; }
     std::optional<uint16_t> controlPort() const { return m_controlPort; }
     StopSteps &stopSteps() { return m_stopSteps; }
+    // Whether the automation server and the player join the start and stop order; tests that
+    // only drive the engine leave them out.
+    void setProcessServices(bool on) { m_processServices = on; }
+    ControlServer *controlServer() const { return m_control; }
     // The engine the delegate drives; the process-wide one unless a test sets another.
     void setEngineFactory(std::function<TorrentEngine *()> factory) { m_engineFactory = std::move(factory); }
     TorrentEngine *engine() const { return m_engine; }
@@ -51,5 +56,7 @@ private:
     StopSteps m_stopSteps;
     std::function<TorrentEngine *()> m_engineFactory;
     TorrentEngine *m_engine = nullptr;
+    ControlServer *m_control = nullptr;
+    bool m_processServices = true;
     QList<QUrl> m_earlyUrls;
 };

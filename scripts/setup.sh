@@ -20,6 +20,9 @@ packages=(
   libgtest-dev libgmock-dev xvfb xauth libgl1-mesa-dri ffmpeg python3-libtorrent iproute2 util-linux
 )
 
+# The agent-protocol bridge is tested with a real client from the npm registry.
+command -v node >/dev/null 2>&1 || packages+=(nodejs npm)
+
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -12,5 +12,9 @@ if [ "${1:-}" = "--sanitize" ]; then
 fi
 bash "$root/scripts/setup.sh"
 bash "$root/scripts/build.sh" "$build" -DVELIX_TESTS=ON "${extra[@]}"
+# The client for the agent-protocol test comes from the npm registry, outside the namespace.
+if [ -f "$build/tests/mcp-client/package-lock.json" ]; then
+  npm ci --prefix "$build/tests/mcp-client" --no-audit --no-fund --loglevel=error
+fi
 export QT_QPA_PLATFORM=offscreen VELIX_SILENT=1
 exec "$root/scripts/loopback-only" ctest --test-dir "$build" --output-on-failure -j 2 --timeout 900

@@ -12,6 +12,7 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QSignalSpy>
+#include <QTcpSocket>
 #include <QThread>
 
 #include <gtest/gtest.h>
@@ -80,6 +81,7 @@ TEST(AppDelegateTest, StopsServicesInOrderWithTheEngineLastAndOnlyOnce)
     TempDir home;
     std::unique_ptr<TorrentEngine> engine;
     AppDelegate delegate;
+    delegate.setProcessServices(false);
     delegate.setEngineFactory([&] {
         engine = std::make_unique<TorrentEngine>(home.qpath(), nullptr,
                                                  QString::fromStdString(testsupport::quietSettingsText()));
@@ -177,4 +179,55 @@ TEST(ProcessTest, HeadlessRunPollsAndStopsOnSigtermLeavingItsState)
     const QJsonObject saved = QJsonDocument::fromJson(settings.readAll()).object();
     EXPECT_FALSE(saved.value(QStringLiteral("dht")).toBool(true));
     EXPECT_TRUE(saved.contains(QStringLiteral("listenPort")));
+}
+
+namespace {
+
+QByteArray httpGet(int port, const QByteArray &path)
+{
+    QTcpSocket socket;
+    socket.connectToHost(QStringLiteral("127.0.0.1"), static_cast<quint16>(port));
+    if (!socket.waitForConnected(5000))
+        return {};
+    socket.write("GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+    QByteArray answer;
+    while (socket.waitForReadyRead(10000))
+        answer += socket.readAll();
+    const qsizetype body = answer.indexOf("\r\n\r\n");
+    return body < 0 ? QByteArray() : answer.mid(body + 4);
+}
+
+} // namespace
+
+TEST(ProcessTest, AScriptDrivesTheHeadlessProgramOverItsControlPortAndQuitsIt)
+{
+    TempDir home;
+    std::ofstream(home.file("settings.json")) << R"({"dht": false, "lsd": false, "upnp": false})";
+    const int port = testsupport::freeTcpPort();
+    QProcess velix;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("VELIX_HOME"), home.qpath());
+    env.insert(QStringLiteral("VELIX_BACKGROUND"), QStringLiteral("1"));
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), home.qpath());
+    env.insert(QStringLiteral("VELIX_CONTROL_PORT"), QStringLiteral("+%1").arg(port));
+    env.insert(QStringLiteral("VELIX_SILENT"), QStringLiteral("1"));
+    velix.setProcessEnvironment(env);
+    velix.start(QStringLiteral(VELIX_BINARY), {});
+    ASSERT_TRUE(velix.waitForStarted());
+
+    QJsonObject state;
+    ASSERT_TRUE(waitFor([&] {
+        state = QJsonDocument::fromJson(httpGet(port, "/state")).object();
+        return !state.isEmpty();
+    }));
+    EXPECT_TRUE(state.contains(QStringLiteral("torrents")));
+    // The automation server publishes where agents find it.
+    EXPECT_TRUE(QFile::exists(home.qpath() + QStringLiteral("/automation/endpoint.json")));
+
+    httpGet(port, "/quit");
+    ASSERT_TRUE(velix.waitForFinished(30000));
+    EXPECT_EQ(velix.exitCode(), 0);
+    EXPECT_TRUE(QFile::exists(home.qpath() + QStringLiteral("/settings.json")));
+    EXPECT_FALSE(QFile::exists(home.qpath() + QStringLiteral("/automation/endpoint.json")));
 }
