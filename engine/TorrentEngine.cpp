@@ -533,7 +533,8 @@ QCoro::Task<void> TorrentEngine::refreshTrackers(bool force)
 
     QPointer<TorrentEngine> self(this);
     for (const QUrl &source : sources) {
-        const std::optional<QStringList> list = co_await fetchTrackerList(network, source, timeout);
+        auto listTask = fetchTrackerList(network, source, timeout);
+        const std::optional<QStringList> list = co_await std::move(listTask);
         if (!self || self->m_isShutDown)
             co_return;
         if (!list)
@@ -769,14 +770,18 @@ void TorrentEngine::reveal(const QString &id, int file)
 }
 
 // Reports ----------------------------------------------------------------------------------------
+// g++ 12 destroys a temporary argument of a call inside a co_await expression twice, and a
+// captured id would lose a reference each time: each report's work becomes a future in a
+// statement of its own before it is awaited.
 
 QCoro::Task<QList<TorrentFile>> TorrentEngine::files(QString id)
 {
     if (m_isShutDown)
         co_return {};
     tb_session *session = m_session;
-    co_return co_await m_queue->run<QList<TorrentFile>>(
+    QFuture<QList<TorrentFile>> report = m_queue->run<QList<TorrentFile>>(
         [session, id] { return decodeTorrentFiles(take(tb_files_json(session, id.toUtf8().constData()))); });
+    co_return co_await report;
 }
 
 QCoro::Task<QList<PeerInfo>> TorrentEngine::peers(QString id)
@@ -784,8 +789,9 @@ QCoro::Task<QList<PeerInfo>> TorrentEngine::peers(QString id)
     if (m_isShutDown)
         co_return {};
     tb_session *session = m_session;
-    co_return co_await m_queue->run<QList<PeerInfo>>(
+    QFuture<QList<PeerInfo>> report = m_queue->run<QList<PeerInfo>>(
         [session, id] { return PeerInfo::decodeList(take(tb_peers_json(session, id.toUtf8().constData()))); });
+    co_return co_await report;
 }
 
 QCoro::Task<QList<TrackerInfo>> TorrentEngine::trackers(QString id)
@@ -793,8 +799,9 @@ QCoro::Task<QList<TrackerInfo>> TorrentEngine::trackers(QString id)
     if (m_isShutDown)
         co_return {};
     tb_session *session = m_session;
-    co_return co_await m_queue->run<QList<TrackerInfo>>(
+    QFuture<QList<TrackerInfo>> report = m_queue->run<QList<TrackerInfo>>(
         [session, id] { return TrackerInfo::decodeList(take(tb_trackers_json(session, id.toUtf8().constData()))); });
+    co_return co_await report;
 }
 
 QCoro::Task<QString> TorrentEngine::pieces(QString id, int file)
@@ -802,8 +809,9 @@ QCoro::Task<QString> TorrentEngine::pieces(QString id, int file)
     if (m_isShutDown)
         co_return QString();
     tb_session *session = m_session;
-    co_return co_await m_queue->run<QString>(
+    QFuture<QString> report = m_queue->run<QString>(
         [session, id, file] { return takeText(tb_pieces(session, id.toUtf8().constData(), file)); });
+    co_return co_await report;
 }
 
 QCoro::Task<PieceMap> TorrentEngine::pieceMap(QString id)
@@ -816,8 +824,9 @@ QCoro::Task<PieceMap> TorrentEngine::pieceMap(QString id)
         co_return cached->map;
     tb_session *session = m_session;
     QPointer<TorrentEngine> self(this);
-    const QByteArray digits = co_await m_queue->run<QByteArray>(
+    QFuture<QByteArray> report = m_queue->run<QByteArray>(
         [session, id] { return take(tb_piece_states(session, id.toUtf8().constData())); });
+    const QByteArray digits = co_await report;
     if (!self || self->m_isShutDown)
         co_return PieceMap{};
     const auto back = std::chrono::steady_clock::now();
@@ -846,7 +855,8 @@ QCoro::Task<QString> TorrentEngine::peerDiagnostics(QString id)
     if (m_isShutDown)
         co_return QStringLiteral("[]");
     tb_session *session = m_session;
-    const QString text = co_await m_queue->run<QString>(
+    QFuture<QString> report = m_queue->run<QString>(
         [session, id] { return takeText(tb_peers_json(session, id.toUtf8().constData())); });
+    const QString text = co_await report;
     co_return text.isEmpty() ? QStringLiteral("[]") : text;
 }
