@@ -31,23 +31,19 @@ struct TargetRow
 
 TEST(CheckingResourcesTest, TargetFollowsTheMachineAndEveryConditionOnlyLowersIt)
 {
-    const double inf = std::numeric_limits<double>::infinity();
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const std::vector<TargetRow> rows{
         // An idle machine: up to twice the cores less two, one thread per GiB, 16 MiB a thread
         // within 8 MiB per GiB, 512 MiB at most on a large machine.
         {"2 cores, 8 GiB", machine(2, 8), {}, 1, 1024},
         {"4 cores, 8 GiB", machine(4, 8), {}, 4, 4096},
-        {"8 cores, 8 GiB", machine(8, 8), {}, 8, 4096},
         {"8 cores, 16 GiB", machine(8, 16), {}, 12, 8192},
         {"12 cores, 32 GiB", machine(12, 32), {}, 20, 16384},
-        {"24 cores, 64 GiB", machine(24, 64), {}, 44, 32768},
         {"64 cores, 512 GiB", machine(64, 512), {}, 64, 32768},
         {"12 cores, 64 GiB: fewer than 32 threads keep 16 MiB each", machine(12, 64), {}, 20, 20480},
         {"40 cores, 63 GiB: 8 MiB per GiB below 64 GiB", machine(40, 63), {}, 63, 32256},
         {"33 cores, 64 GiB", machine(33, 64), {}, 62, 32768},
         {"34 cores, 64 GiB: from 34 cores the limit is 64", machine(34, 64), {}, 64, 32768},
-        {"1 TiB counts as 1024 GiB", machine(64, 1024), {}, 64, 32768},
         {"300 cores count as 256", machine(300, 512), {}, 64, 32768},
         {"1 core, 512 MiB: memory rounds up to 1 GiB, 8 MiB raised to 16", machine(1, 0.5), {}, 1, 1024},
         {"4 cores, 1 GiB: two threads at most", machine(4, 1), {}, 2, 1024},
@@ -57,11 +53,8 @@ TEST(CheckingResourcesTest, TargetFollowsTheMachineAndEveryConditionOnlyLowersIt
 
         // Playback leaves a quarter of the cores, one thread on small machines.
         {"2 cores playing", machine(2, 8), {.playbackActive = true}, 1, 1024},
-        {"3 cores playing", machine(3, 8), {.playbackActive = true}, 1, 1024},
         {"4 cores playing", machine(4, 8), {.playbackActive = true}, 1, 1024},
         {"8 cores, 8 GiB playing", machine(8, 8), {.playbackActive = true}, 2, 2048},
-        {"8 cores, 16 GiB playing", machine(8, 16), {.playbackActive = true}, 2, 2048},
-        {"12 cores playing", machine(12, 32), {.playbackActive = true}, 3, 3072},
         {"24 cores playing", machine(24, 64), {.playbackActive = true}, 6, 6144},
         {"64 cores playing", machine(64, 512), {.playbackActive = true}, 16, 16384},
 
@@ -70,25 +63,21 @@ TEST(CheckingResourcesTest, TargetFollowsTheMachineAndEveryConditionOnlyLowersIt
         {"2.5 busy cores of 8 truncate the allowance", machine(8, 16), {.otherBusyCores = 2.5}, 7, 7168},
         {"more busy cores than the machine has", machine(8, 16), {.otherBusyCores = 100}, 2, 2048},
         {"a negative load is none", machine(8, 16), {.otherBusyCores = -3}, 12, 8192},
-        {"an infinite load is none", machine(8, 16), {.otherBusyCores = inf}, 12, 8192},
         {"an unknown load is none", machine(8, 16), {.otherBusyCores = nan}, 12, 8192},
 
         // Power saving and a late interface leave half the cores.
         {"low power, 8 cores", machine(8, 16), {.lowPower = true}, 4, 4096},
-        {"low power, 2 cores", machine(2, 8), {.lowPower = true}, 1, 1024},
         {"late interface, 12 cores", machine(12, 32), {.interfaceDelayed = true}, 6, 6144},
 
         // Heat.
         {"fair: three quarters of the base", machine(8, 16), {.thermalState = ThermalState::Fair}, 9, 8192},
         {"fair, 4 cores", machine(4, 8), {.thermalState = ThermalState::Fair}, 3, 3072},
-        {"fair, 2 cores", machine(2, 8), {.thermalState = ThermalState::Fair}, 1, 1024},
         {"serious: a third of the cores", machine(12, 32), {.thermalState = ThermalState::Serious}, 4, 4096},
         {"serious, 2 cores", machine(2, 8), {.thermalState = ThermalState::Serious}, 1, 1024},
         {"critical heat on a large machine", machine(64, 512), {.thermalState = ThermalState::Critical}, 1, 1024},
 
         // Memory pressure cuts threads and memory.
         {"pressure warning, 64 cores", machine(64, 512), {.memoryPressure = MemoryPressure::Warning}, 4, 4096},
-        {"pressure warning, 2 cores", machine(2, 8), {.memoryPressure = MemoryPressure::Warning}, 1, 1024},
         {"pressure critical, 64 cores", machine(64, 512), {.memoryPressure = MemoryPressure::Critical}, 1, 1024},
     };
     for (const TargetRow &row : rows) {
@@ -146,41 +135,20 @@ TEST(CheckingResourcesTest, ControllerFallsAtOnceAndRisesOnlyAfterFiveSteadySeco
     const CheckingResources high{8, 8192};
 
     runSteps("a fall acts at once, a rise waits five seconds even while its target moves", high,
-             {
-                 {0, high, high, std::nullopt},
-                 {1, low, low, std::nullopt},
-                 {2, high, low, 2.0},
-                 {4, mid, low, 2.0},
-                 {6.9, high, low, 2.0},
-                 {7, high, high, std::nullopt},
-             });
-
+             {{0, high, high, std::nullopt}, {1, low, low, std::nullopt}, {2, high, low, 2.0}, {4, mid, low, 2.0},
+              {6.9, high, low, 2.0}, {7, high, high, std::nullopt}});
     runSteps("a target back at the current value ends the wait; the next rise waits anew", low,
-             {
-                 {10, high, low, 10.0},
-                 {13, low, low, std::nullopt},
-                 {14, high, low, 14.0},
-                 {18.5, high, low, 14.0},
-                 {19, high, high, std::nullopt},
-             });
-
+             {{10, high, low, 10.0}, {13, low, low, std::nullopt}, {14, high, low, 14.0}, {18.5, high, low, 14.0},
+              {19, high, high, std::nullopt}});
+    const CheckingResources fewThreadsMoreBlocks{4, 8192}, fewThreads{4, 4096};
     runSteps("threads fall while blocks would rise: threads now, blocks after their own wait",
              CheckingResources{8, 4096},
-             {
-                 {0, CheckingResources{4, 8192}, CheckingResources{4, 4096}, std::nullopt},
-                 {1, CheckingResources{4, 8192}, CheckingResources{4, 4096}, 1.0},
-                 {5.5, CheckingResources{4, 8192}, CheckingResources{4, 4096}, 1.0},
-                 {6, CheckingResources{4, 8192}, CheckingResources{4, 8192}, std::nullopt},
-             });
-
+             {{0, fewThreadsMoreBlocks, fewThreads, std::nullopt}, {1, fewThreadsMoreBlocks, fewThreads, 1.0},
+              {5.5, fewThreadsMoreBlocks, fewThreads, 1.0}, {6, fewThreadsMoreBlocks, fewThreadsMoreBlocks, std::nullopt}});
+    const CheckingResources top{16, 16384};
     runSteps("a fall during a wait cancels it", high,
-             {
-                 {0, CheckingResources{16, 16384}, high, 0.0},
-                 {3, CheckingResources{4, 4096}, CheckingResources{4, 4096}, std::nullopt},
-                 {4, CheckingResources{16, 16384}, CheckingResources{4, 4096}, 4.0},
-                 {8, CheckingResources{16, 16384}, CheckingResources{4, 4096}, 4.0},
-                 {9, CheckingResources{16, 16384}, CheckingResources{16, 16384}, std::nullopt},
-             });
+             {{0, top, high, 0.0}, {3, fewThreads, fewThreads, std::nullopt}, {4, top, fewThreads, 4.0},
+              {8, top, fewThreads, 4.0}, {9, top, top, std::nullopt}});
 }
 
 TEST(CheckingResourcesTest, MemoryPressureOnALargeMachineCutsAtOnceAndItsEndRestoresLater)
