@@ -1039,3 +1039,37 @@ void PlayerModel::setFirstFrameAfter(const std::optional<double> &value)
     if (assign(m_firstFrameAfter, value))
         emit firstFrameAfterChanged();
 }
+
+void PlayerModel::toggleFullScreen()
+{
+    m_fullScreen = !m_fullScreen;
+    emit fullScreenChanged();
+}
+
+bool PlayerModel::handleKey(int code, bool shift)
+{
+    poke();
+    switch (code) {
+    case KeyA: cycle(true); return true;
+    case KeyS: cycle(false); return true;
+    case KeyF: toggleFullScreen(); return true;
+    // Without an item there is nothing to step through, but the key is still the player's.
+    case KeyP: playPrevious(); return true;
+    case KeyN: playNext(); return true;
+    case KeyM:
+        if (m_core)
+            m_core->commandAsync({QStringLiteral("cycle"), QStringLiteral("mute")});
+        return true;
+    case KeySpace: togglePause(); return true;
+    case KeyEscape:
+        if (!m_fullScreen)
+            return false;
+        toggleFullScreen();
+        return true;
+    case KeyLeft: seek(m_position - (shift ? 60 : 10)); return true;
+    case KeyRight: seek(m_position + (shift ? 60 : 10)); return true;
+    case KeyDown: setVolume(m_volume - 5); return true;
+    case KeyUp: setVolume(m_volume + 5); return true;
+    default: return false;
+    }
+}

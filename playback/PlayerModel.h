@@ -105,6 +105,11 @@ public:
     Q_INVOKABLE void savePosition();
     // Shows the controls and hides them again 3 s later, unless paused, opening or failed.
     Q_INVOKABLE void poke();
+    // A key press by the player's key codes (physical positions, so a Cyrillic layout works):
+    // true when the player took it. The control server feeds keys here too.
+    Q_INVOKABLE bool handleKey(int code, bool shift = false);
+    bool fullScreen() const { return m_fullScreen; }
+    Q_INVOKABLE void toggleFullScreen();
 
     // Choices from the track menus, by row; `audio` tells which menu.
     void select(const TrackOption &option, bool audio);
@@ -137,6 +142,10 @@ public:
     bool seeking() const { return m_seeking; }
     double cacheTime() const { return m_cacheTime; }
     double volume() const { return m_volume; }
+
+    // Key codes of the player's keys.
+    enum Key : int { KeyA = 0, KeyS = 1, KeyF = 3, KeyP = 35, KeyN = 45, KeyM = 46, KeySpace = 49,
+                     KeyEscape = 53, KeyLeft = 123, KeyRight = 124, KeyDown = 125, KeyUp = 126 };
     bool muted() const { return m_muted; }
     double speed() const { return m_speed; }
     bool loaded() const { return m_loaded; }
@@ -176,6 +185,7 @@ signals:
     void pausedChanged();
     void bufferingChanged();
     void seekingChanged();
+    void fullScreenChanged();
     void cacheTimeChanged();
     void volumeChanged();
     void mutedChanged();
@@ -314,4 +324,5 @@ private:
     bool m_waitingAfterSeek = false;
     std::optional<double> m_tracksReadyAfter;
     std::optional<double> m_firstFrameAfter;
+    bool m_fullScreen = false;
 };

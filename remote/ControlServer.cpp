@@ -580,8 +580,8 @@ QByteArray ControlServer::pressKey(const Query &query)
     const auto code = keyCode(query.value(QStringLiteral("code")));
     if (!code)
         return error(QStringLiteral("code"));
-    // The player's key handling lands with its screen; until then no key is taken.
-    return json(QJsonObject{{QStringLiteral("handled"), false}});
+    const bool handled = m_player && m_player->handleKey(static_cast<int>(*code));
+    return json(QJsonObject{{QStringLiteral("handled"), handled}});
 }
 
 QByteArray ControlServer::windows(const Query &query)

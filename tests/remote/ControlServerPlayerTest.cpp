@@ -67,7 +67,17 @@ TEST_F(ControlServerPlayerTest, PlayChooseTracksSeekPauseAndStop)
     ASSERT_TRUE(waitFor([&] { return playerState().value(QStringLiteral("paused")).toBool(); }));
     get("/seek?t=5");
     EXPECT_TRUE(waitFor([&] { return playerState().value(QStringLiteral("position")).toDouble() >= 4.0; }));
-    EXPECT_TRUE(getJson("/key?code=49").value(QStringLiteral("handled")).isBool());
+    // Keys go to the player by their codes: space resumes, up raises the volume, F takes the
+    // screen and Escape gives it back; a key the player has no use for is left alone.
+    EXPECT_TRUE(getJson("/key?code=49").value(QStringLiteral("handled")).toBool());
+    EXPECT_TRUE(waitFor([&] { return !playerState().value(QStringLiteral("paused")).toBool(); }));
+    const double volume = playerState().value(QStringLiteral("volume")).toDouble();
+    EXPECT_TRUE(getJson("/key?code=126").value(QStringLiteral("handled")).toBool());
+    EXPECT_TRUE(waitFor([&] { return playerState().value(QStringLiteral("volume")).toDouble() == std::min(volume + 5, 200.0); }));
+    EXPECT_FALSE(getJson("/key?code=53").value(QStringLiteral("handled")).toBool(true));
+    EXPECT_TRUE(getJson("/key?code=3").value(QStringLiteral("handled")).toBool());
+    EXPECT_TRUE(getJson("/key?code=53").value(QStringLiteral("handled")).toBool());
+    EXPECT_FALSE(getJson("/key?code=7").value(QStringLiteral("handled")).toBool(true));
     EXPECT_FALSE(getJson("/player-diagnostics").isEmpty());
 
     EXPECT_EQ(get("/stop").body, QByteArray(R"({"ok":true})"));
