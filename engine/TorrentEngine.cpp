@@ -11,6 +11,7 @@
 #include <QCoroFuture>
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
 #include <QDesktopServices>
 #include <QDir>
 #include <QFileInfo>
@@ -750,23 +751,44 @@ void TorrentEngine::enforceSeedLimits()
 
 void TorrentEngine::reveal(const QString &id, int file)
 {
+    revealTask(id, file);
+}
+
+QCoro::Task<void> TorrentEngine::revealTask(QString id, int file)
+{
     const auto t = torrent(id);
     if (!t)
-        return;
-    QString path = t->savePath;
-    const QString name = t->name;
-    // The file's own path needs the files report; the torrent's top entry is what a file manager
-    // can always select.
-    Q_UNUSED(file)
-    const QString target = QDir(path).filePath(name);
-    const QString uri = QUrl::fromLocalFile(QFileInfo::exists(target) ? target : path).toString();
+        co_return;
+    const QString savePath = t->savePath;
+    QString target = QDir(savePath).filePath(t->name);
+    if (file >= 0) {
+        QPointer<TorrentEngine> self(this);
+        auto listing = files(id);
+        const QList<TorrentFile> list = co_await std::move(listing);
+        if (!self)
+            co_return;
+        for (const TorrentFile &f : list) {
+            if (f.i == file)
+                target = QDir(savePath).filePath(f.path);
+        }
+    }
+    // The file manager is asked without waiting for it; without one the folder opens instead.
+    const QString folder = QFileInfo::exists(target) ? QFileInfo(target).absolutePath() : savePath;
     QDBusMessage call = QDBusMessage::createMethodCall(
         QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
         QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
-    call << QStringList{uri} << QString();
-    const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 2000);
-    if (reply.type() != QDBusMessage::ReplyMessage)
-        QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo::exists(target) ? QFileInfo(target).absolutePath() : path));
+    call << QStringList{QUrl::fromLocalFile(QFileInfo::exists(target) ? target : savePath).toString()} << QString();
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        QDesktopServices::openUrl(QUrl::fromLocalFile(folder));
+        co_return;
+    }
+    auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 2000), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [folder](QDBusPendingCallWatcher *w) {
+        if (w->isError())
+            QDesktopServices::openUrl(QUrl::fromLocalFile(folder));
+        w->deleteLater();
+    });
 }
 
 // Reports ----------------------------------------------------------------------------------------

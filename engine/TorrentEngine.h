@@ -189,6 +189,7 @@ private:
     void enforceSeedLimits();
     AddOutcome finishAdd(char *id, char *error);
     void setToast(const std::optional<QString> &text);
+    QCoro::Task<void> revealTask(QString id, int file);
     void setTrackerFetchStatus(const std::optional<QString> &text);
     void observeMemoryPressure();
     void memoryPressureChanged(MemoryPressure level);
