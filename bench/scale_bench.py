@@ -1,0 +1,605 @@
+#!/usr/bin/python3
+"""How light Velix stays at scale, measured on a headless Velix driven over its control port.
+
+  library  2,000 torrents made here (single files and folders, small data): most added paused,
+           some seeded from Velix's own copy, some fetched from a libtorrent seeder on 127.0.0.1.
+           Figures: CPU at rest, /state answer time, resident memory, main-thread time a poll.
+  restart  the library above started again: time until /state answers while the restored
+           torrents are hash-checked, and the check throughput against sha1sum on the same data.
+  stream   resident memory over time while a large file streams through /stream from a
+           throttled seeder on 127.0.0.1.
+
+Every figure is printed with its target. Run it inside a loopback-only network namespace (the
+script refuses otherwise) with the Python that has the libtorrent module (/usr/bin/python3).
+
+usage: scale_bench.py library|restart|stream --velix PATH [--work DIR] [options]
+"""
+
+import argparse
+import hashlib
+import http.client
+import json
+import os
+import random
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import time
+
+import libtorrent as lt
+
+CLOCK_TICKS = os.sysconf("SC_CLK_TCK")
+PAGE = os.sysconf("SC_PAGE_SIZE")
+
+
+# Helpers -----------------------------------------------------------------------------------------
+
+def require_loopback_only():
+    # /proc/net/dev follows the network namespace; /sys/class/net keeps the host's view.
+    with open("/proc/net/dev") as f:
+        interfaces = sorted(line.split(":")[0].strip() for line in f.readlines()[2:])
+    if interfaces != ["lo"]:
+        sys.exit("run this inside a loopback-only namespace (interfaces here: %s)" % ", ".join(interfaces))
+
+
+def median(values):
+    return statistics.median(values) if values else float("nan")
+
+
+def percentile(values, p):
+    if not values:
+        return float("nan")
+    ordered = sorted(values)
+    index = min(len(ordered) - 1, max(0, int(round(p / 100.0 * len(ordered) + 0.5)) - 1))
+    return ordered[index]
+
+
+def figure(name, value, unit, target=None, below=True):
+    """One line of the report; a target is a bound the value should stay under (or over)."""
+    if target is None:
+        print("  %-44s %10.2f %-6s" % (name, value, unit), flush=True)
+        return
+    met = value < target if below else value > target
+    print("  %-44s %10.2f %-6s target %s %g %-6s %s" % (name, value, unit, "<" if below else ">", target,
+                                                           unit, "ok" if met else "MISSED"), flush=True)
+
+
+def proc_cpu_seconds(pid, tid=None):
+    path = "/proc/%d/stat" % pid if tid is None else "/proc/%d/task/%d/stat" % (pid, tid)
+    with open(path) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    # utime and stime are fields 14 and 15; the split above starts at field 3.
+    return (int(fields[11]) + int(fields[12])) / CLOCK_TICKS
+
+
+def proc_status(pid, key):
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith(key + ":"):
+                return int(line.split()[1])  # kB
+    return 0
+
+
+def thread_count(pid):
+    return len(os.listdir("/proc/%d/task" % pid))
+
+
+class Velix:
+    """One headless Velix process with its control port."""
+
+    def __init__(self, binary, home, control_port, log_path):
+        self.binary = binary
+        self.home = home
+        self.port = control_port
+        self.log_path = log_path
+        self.process = None
+        self.started = 0.0
+
+    def start(self):
+        env = dict(os.environ)
+        env.update(VELIX_HOME=self.home, VELIX_BACKGROUND="1", QT_QPA_PLATFORM="offscreen", VELIX_SILENT="1",
+                   VELIX_CONTROL_PORT=str(self.port))
+        log = open(self.log_path, "ab")
+        self.started = time.monotonic()
+        self.process = subprocess.Popen([self.binary], env=env, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+        return self
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def get(self, target, timeout=30.0):
+        """(status, body, seconds) of one GET."""
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
+        try:
+            began = time.perf_counter()
+            connection.request("GET", target)
+            response = connection.getresponse()
+            body = response.read()
+            return response.status, body, time.perf_counter() - began
+        finally:
+            connection.close()
+
+    def state(self, timeout=30.0):
+        status, body, _ = self.get("/state", timeout)
+        if status != 200:
+            raise RuntimeError("/state answered %d" % status)
+        return json.loads(body)
+
+    def wait_for_state(self, limit=60.0):
+        """Seconds from the process start until /state first answers."""
+        deadline = time.monotonic() + limit
+        while time.monotonic() < deadline:
+            if self.process.poll() is not None:
+                raise RuntimeError("velix exited with %d, see %s" % (self.process.returncode, self.log_path))
+            try:
+                status, _, _ = self.get("/state", timeout=2.0)
+                if status == 200:
+                    return time.monotonic() - self.started
+            except OSError:
+                pass
+            time.sleep(0.005)
+        raise RuntimeError("/state did not answer within %g s" % limit)
+
+    def quit(self, limit=60.0):
+        """Seconds from asking to quit until the process is gone."""
+        began = time.monotonic()
+        try:
+            self.get("/quit", timeout=5.0)
+        except OSError:
+            pass
+        try:
+            self.process.wait(limit)
+        except subprocess.TimeoutExpired:
+            self.process.send_signal(signal.SIGKILL)
+            self.process.wait()
+            print("  (velix did not quit within %g s and was killed)" % limit)
+        return time.monotonic() - began
+
+
+def torrents_of(state):
+    return state.get("torrents", [])
+
+
+def free_port():
+    import socket
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def write_settings(home, download_dir, listen_port):
+    os.makedirs(home, exist_ok=True)
+    with open(os.path.join(home, "settings.json"), "w") as f:
+        # Nothing may leave the machine: no DHT, no local discovery, no port mapping.
+        json.dump({"dht": False, "lsd": False, "upnp": False, "listenPort": listen_port,
+                   "downloadDirectory": download_dir, "autoTrackers": False, "trackerMirrors": False}, f)
+
+
+def seeder_session(port, upload_kib=0):
+    pack = {
+        "listen_interfaces": "127.0.0.1:%d" % port,
+        "enable_dht": False, "enable_lsd": False, "enable_upnp": False, "enable_natpmp": False,
+        "alert_mask": 0, "allow_multiple_connections_per_ip": True,
+        "upload_rate_limit": upload_kib * 1024,
+        "active_seeds": 10000, "active_limit": 10000,
+    }
+    return lt.session(pack)
+
+
+# The library -------------------------------------------------------------------------------------
+
+class Library:
+    """2,000 small torrents and their data, made once and reused while the options match."""
+
+    def __init__(self, work, count, paused_kib, seed_kib, own_seeds, remote_seeds):
+        self.work = work
+        self.count = count
+        self.paused_kib = paused_kib
+        self.seed_kib = seed_kib
+        self.own_seeds = own_seeds
+        self.remote_seeds = remote_seeds
+        self.data = os.path.join(work, "data")        # Velix's download folder
+        self.remote = os.path.join(work, "remote")    # the seeder's copy of what Velix fetches
+        self.files = os.path.join(work, "torrents")
+        self.entries = []
+
+    def key(self):
+        return [self.count, self.paused_kib, self.seed_kib, self.own_seeds, self.remote_seeds, 1]
+
+    def ensure(self):
+        manifest = os.path.join(self.work, "manifest.json")
+        if os.path.exists(manifest):
+            with open(manifest) as f:
+                saved = json.load(f)
+            if saved["key"] == self.key():
+                self.entries = saved["entries"]
+                # Fetched data is removed again, so every library run downloads it anew.
+                for e in self.entries:
+                    if e["group"] == "remote":
+                        remove_path(os.path.join(self.data, e["name"]))
+                return False
+        for folder in (self.data, self.remote, self.files):
+            shutil.rmtree(folder, ignore_errors=True)
+            os.makedirs(folder)
+        rng = random.Random(21)
+        began = time.monotonic()
+        for i in range(self.count):
+            if i < self.own_seeds:
+                group, base = "own", self.data
+                mean = self.seed_kib
+            elif i < self.own_seeds + self.remote_seeds:
+                group, base = "remote", self.remote
+                mean = self.paused_kib
+            else:
+                group, base = "paused", self.data
+                mean = self.paused_kib
+            folder = i % 5 == 0
+            name = ("Folder %04d" if folder else "File %04d.bin") % i
+            sizes = [max(1, int(rng.uniform(0.25, 1.75) * mean * 1024 / (3 if folder else 1)))
+                     for _ in range(3 if folder else 1)]
+            if folder:
+                os.makedirs(os.path.join(base, name))
+                paths = [os.path.join(base, name, "part %d.bin" % k) for k in range(len(sizes))]
+            else:
+                paths = [os.path.join(base, name)]
+            for path, size in zip(paths, sizes):
+                with open(path, "wb") as f:
+                    f.write(rng.randbytes(size))
+            storage = lt.file_storage()
+            lt.add_files(storage, os.path.join(base, name))
+            maker = lt.create_torrent(storage, 16 * 1024 if sum(sizes) < 4 << 20 else 0)
+            lt.set_piece_hashes(maker, base)
+            torrent_path = os.path.join(self.files, "%04d.torrent" % i)
+            with open(torrent_path, "wb") as f:
+                f.write(lt.bencode(maker.generate()))
+            info = lt.torrent_info(torrent_path)
+            self.entries.append({"name": name, "group": group, "torrent": torrent_path, "size": sum(sizes),
+                                 "hash": str(info.info_hash())})
+        with open(manifest, "w") as f:
+            json.dump({"key": self.key(), "entries": self.entries}, f)
+        print("made %d torrents, %.1f MiB, in %.1f s" % (self.count, self.total_bytes() / 2**20,
+                                                          time.monotonic() - began), flush=True)
+        return True
+
+    def total_bytes(self, groups=("own", "remote", "paused")):
+        return sum(e["size"] for e in self.entries if e["group"] in groups)
+
+    def paths(self, groups):
+        return [os.path.join(self.data, e["name"]) for e in self.entries if e["group"] in groups]
+
+
+def remove_path(path):
+    if os.path.isdir(path):
+        shutil.rmtree(path)
+    elif os.path.exists(path):
+        os.remove(path)
+
+
+def files_under(paths):
+    out = []
+    for p in paths:
+        if os.path.isdir(p):
+            for root, _, names in os.walk(p):
+                out.extend(os.path.join(root, n) for n in sorted(names))
+        elif os.path.exists(p):
+            out.append(p)
+    return out
+
+
+def settle(velix, what, done, limit, step=1.0):
+    """Polls /state until done(torrents) holds; returns the seconds it took."""
+    began = time.monotonic()
+    while time.monotonic() - began < limit:
+        if done(torrents_of(velix.state())):
+            return time.monotonic() - began
+        time.sleep(step)
+    print("  (gave up waiting for %s after %g s)" % (what, limit))
+    return float("nan")
+
+
+def thread_times(pid):
+    """{(tid, name): cpu seconds} of every thread of the process."""
+    out = {}
+    for tid in os.listdir("/proc/%d/task" % pid):
+        try:
+            with open("/proc/%d/task/%s/comm" % (pid, tid)) as f:
+                name = f.read().strip()
+            out[(int(tid), name)] = proc_cpu_seconds(pid, int(tid))
+        except OSError:
+            pass
+    return out
+
+
+def measure_rest(velix, seconds):
+    """CPU share of one core for the whole process and its main thread over a quiet stretch."""
+    threads0 = thread_times(velix.pid)
+    cpu0, main0, t0 = proc_cpu_seconds(velix.pid), proc_cpu_seconds(velix.pid, velix.pid), time.monotonic()
+    rss = []
+    while time.monotonic() - t0 < seconds:
+        time.sleep(1.0)
+        rss.append(proc_status(velix.pid, "VmRSS"))
+    elapsed = time.monotonic() - t0
+    cpu1, main1 = proc_cpu_seconds(velix.pid), proc_cpu_seconds(velix.pid, velix.pid)
+    # Where the time went, by thread: the busiest first.
+    threads1 = thread_times(velix.pid)
+    shares = sorted(((threads1[k] - threads0.get(k, 0)) / elapsed, k) for k in threads1)
+    print("  busiest threads: " + ", ".join("%s(%d) %.1f %%" % (k[1], k[0], share * 100)
+                                             for share, k in reversed(shares[-4:])))
+    return (cpu1 - cpu0) / elapsed, (main1 - main0) / elapsed, elapsed, rss
+
+
+def measure_state(velix, requests):
+    times, size = [], 0
+    for _ in range(requests):
+        status, body, seconds = velix.get("/state")
+        if status != 200:
+            raise RuntimeError("/state answered %d" % status)
+        times.append(seconds * 1000)
+        size = len(body)
+    return times, size
+
+
+def run_library(args):
+    library = Library(args.work, args.count, args.paused_kib, args.seed_kib, args.own_seeds, args.remote_seeds)
+    library.ensure()
+    home = os.path.join(args.work, "home")
+    shutil.rmtree(home, ignore_errors=True)
+    velix_port, seeder_port = free_port(), free_port()
+    write_settings(home, library.data, velix_port)
+
+    seeder = seeder_session(seeder_port)
+    remote = [e for e in library.entries if e["group"] == "remote"]
+    handles = []
+    for e in remote:
+        params = lt.add_torrent_params()
+        params.ti = lt.torrent_info(e["torrent"])
+        params.save_path = library.remote
+        params.flags = lt.torrent_flags.seed_mode
+        handles.append(seeder.add_torrent(params))
+
+    velix = Velix(args.velix, home, free_port(), os.path.join(args.work, "library.log")).start()
+    try:
+        print("velix pid %d; /state first answered after %.2f s" % (velix.pid, velix.wait_for_state()))
+        began = time.monotonic()
+        for e in library.entries:
+            target = "/add?path=%s&save=%s" % (quote(e["torrent"]), quote(library.data))
+            if e["group"] == "paused":
+                target += "&paused=1"
+            status, body, _ = velix.get(target)
+            reply = json.loads(body)
+            if status != 200 or "id" not in reply:
+                raise RuntimeError("add of %s: %s" % (e["torrent"], body[:200]))
+        added = time.monotonic() - began
+        print("added %d torrents in %.1f s (%.1f ms each)" % (len(library.entries), added,
+                                                             added * 1000 / len(library.entries)), flush=True)
+
+        def fetched(torrents):
+            by_name = {t["name"]: t for t in torrents}
+            for h in handles:
+                h.connect_peer(("127.0.0.1", velix_port))
+            return all(by_name.get(e["name"], {}).get("progress", 0) >= 1.0 for e in remote)
+
+        def quiet(torrents):
+            return not any(t["state"] == "checking" and not t["paused"] for t in torrents)
+
+        print("fetched %d torrents from the seeder in %.1f s" % (len(remote), settle(velix, "the fetch", fetched,
+                                                                                     args.limit)))
+        print("checks done after %.1f s more" % settle(velix, "the checks", quiet, args.limit))
+        states = {}
+        for t in torrents_of(velix.state()):
+            key = t["state"] + (" (paused)" if t["paused"] else "")
+            states[key] = states.get(key, 0) + 1
+        print("states: " + ", ".join("%s %d" % kv for kv in sorted(states.items())))
+        time.sleep(args.settle)
+
+        print("\nat rest, %d torrents, %d threads" % (len(library.entries), thread_count(velix.pid)))
+        cpu, main, elapsed, rss = measure_rest(velix, args.rest)
+        figure("CPU at rest over %.0f s, whole process" % elapsed, cpu * 100, "%", 5)
+        figure("CPU at rest, main thread", main * 100, "%")
+        # The engine polls once a second at rest, so the main thread's time a second is an upper
+        # bound of one poll's apply on the main thread.
+        figure("main-thread time a poll (upper bound)", main * 1000, "ms")
+        figure("resident memory (median over the rest)", median(rss) / 1024, "MiB", 400)
+        figure("resident memory peak so far (VmHWM)", proc_status(velix.pid, "VmHWM") / 1024, "MiB")
+
+        times, size = measure_state(velix, args.requests)
+        figure("/state answer, median of %d" % len(times), median(times), "ms", 50)
+        figure("/state answer, p99", percentile(times, 99), "ms", 50)
+        figure("/state document size", size / 1024, "KiB")
+        figure("resident memory after the /state series", proc_status(velix.pid, "VmRSS") / 1024, "MiB", 400)
+        figure("quit time", velix.quit(), "s")
+    finally:
+        if velix.process.poll() is None:
+            velix.quit()
+        del seeder
+
+
+def quote(text):
+    from urllib.parse import quote as q
+    return q(text, safe="")
+
+
+# The restart -------------------------------------------------------------------------------------
+
+def sha1_throughput(paths):
+    files = files_under(paths)
+    total = sum(os.path.getsize(f) for f in files)
+    began = time.monotonic()
+    # sha1sum over every file, in batches so one command line stays short.
+    for i in range(0, len(files), 500):
+        subprocess.run(["sha1sum"] + files[i:i + 500], check=True, stdout=subprocess.DEVNULL)
+    return total, time.monotonic() - began
+
+
+def run_restart(args):
+    library = Library(args.work, args.count, args.paused_kib, args.seed_kib, args.own_seeds, args.remote_seeds)
+    home = os.path.join(args.work, "home")
+    if not os.path.exists(os.path.join(args.work, "manifest.json")) or not os.path.isdir(os.path.join(home, "state", "resume")):
+        sys.exit("run the library benchmark first: it leaves the library this one restarts")
+    with open(os.path.join(args.work, "manifest.json")) as f:
+        library.entries = json.load(f)["entries"]
+    size_of = {e["name"]: e["size"] for e in library.entries}
+
+    first_answers, check_times, state_during, rates, checked_bytes = [], [], [], [], []
+    for run in range(args.runs):
+        velix = Velix(args.velix, home, free_port(), os.path.join(args.work, "restart.log")).start()
+        try:
+            first = velix.wait_for_state()
+            first_answers.append(first)
+            # Torrents the queue holds back report themselves paused, so what counts as paused by
+            # the user comes from the library, not from the state.
+            active = {e["name"] for e in library.entries if e["group"] != "paused"}
+            seen_checking, names_unpaused = set(), active
+            began = velix.started
+            while time.monotonic() - began < args.limit:
+                status, body, seconds = velix.get("/state")
+                state_during.append(seconds * 1000)
+                torrents = torrents_of(json.loads(body))
+                checking = [t for t in torrents if t["state"] == "checking" and t["name"] in active]
+                seen_checking.update(t["name"] for t in checking)
+                if len(torrents) == len(library.entries) and not checking:
+                    break
+                time.sleep(0.1)
+            done = time.monotonic() - began
+            check_times.append(done)
+            checked = sum(size_of.get(n, 0) for n in names_unpaused)
+            checked_bytes.append(checked)
+            rates.append(checked / done / 2**20)
+            print("run %d: /state after %.2f s, checks of %d torrents (%.1f MiB, %d seen checking) done after"
+                  " %.2f s" % (run + 1, first, len(names_unpaused), checked / 2**20, len(seen_checking), done),
+                  flush=True)
+            final = torrents_of(velix.state())
+            complete = sum(1 for t in final if t["progress"] >= 1.0)
+            print("        %d of %d torrents complete after the check; RSS %.0f MiB"
+                  % (complete, len(final), proc_status(velix.pid, "VmRSS") / 1024))
+        finally:
+            velix.quit()
+
+    checked_paths = [os.path.join(library.data, e["name"]) for e in library.entries if e["group"] != "paused"]
+    sha_bytes, sha_seconds = [], []
+    for _ in range(args.runs):
+        total, seconds = sha1_throughput(checked_paths)
+        sha_bytes.append(total)
+        sha_seconds.append(seconds)
+    sha_rate = median([b / s / 2**20 for b, s in zip(sha_bytes, sha_seconds)])
+
+    print("\nrestart of %d torrents, %d runs (medians)" % (len(library.entries), args.runs))
+    figure("start until /state answers", median(first_answers), "s", 2)
+    figure("start until /state answers, worst", max(first_answers), "s", 2)
+    figure("start until every check is done", median(check_times), "s")
+    figure("/state answer during the checks, median", median(state_during), "ms", 50)
+    figure("/state answer during the checks, p99", percentile(state_during, 99), "ms", 50)
+    figure("check throughput, start to done", median(rates), "MiB/s")
+    figure("sha1sum over the same data (warm cache)", sha_rate, "MiB/s")
+    figure("check throughput / sha1sum", median(rates) / sha_rate * 100, "%")
+
+
+# The stream --------------------------------------------------------------------------------------
+
+def run_stream(args):
+    work = os.path.join(args.work, "stream")
+    source, home = os.path.join(work, "source"), os.path.join(work, "home")
+    shutil.rmtree(home, ignore_errors=True)
+    os.makedirs(source, exist_ok=True)
+    name = "Long stream.mkv"
+    path = os.path.join(source, name)
+    size = args.stream_mib << 20
+    if not os.path.exists(path) or os.path.getsize(path) != size:
+        rng = random.Random(7)
+        with open(path, "wb") as f:
+            for _ in range(args.stream_mib):
+                f.write(rng.randbytes(1 << 20))
+    torrent_path = os.path.join(work, "long.torrent")
+    if not os.path.exists(torrent_path):
+        storage = lt.file_storage()
+        lt.add_files(storage, path)
+        maker = lt.create_torrent(storage, 1 << 20)
+        lt.set_piece_hashes(maker, source)
+        with open(torrent_path, "wb") as f:
+            f.write(lt.bencode(maker.generate()))
+
+    velix_port, seeder_port = free_port(), free_port()
+    downloads = os.path.join(work, "downloads")
+    shutil.rmtree(downloads, ignore_errors=True)
+    os.makedirs(downloads)
+    write_settings(home, downloads, velix_port)
+    seeder = seeder_session(seeder_port, args.rate_kib)
+    params = lt.add_torrent_params()
+    params.ti = lt.torrent_info(torrent_path)
+    params.save_path = source
+    params.flags = lt.torrent_flags.seed_mode
+    handle = seeder.add_torrent(params)
+
+    velix = Velix(args.velix, home, free_port(), os.path.join(work, "stream.log")).start()
+    try:
+        velix.wait_for_state()
+        status, body, _ = velix.get("/add?path=%s&save=%s" % (quote(torrent_path), quote(downloads)))
+        torrent_id = json.loads(body)["id"]
+        handle.connect_peer(("127.0.0.1", velix_port))
+        connection = http.client.HTTPConnection("127.0.0.1", velix.port, timeout=120)
+        connection.request("GET", "/stream/%s/0/%s" % (torrent_id, quote(name)))
+        response = connection.getresponse()
+        if response.status not in (200, 206):
+            raise RuntimeError("/stream answered %d" % response.status)
+        print("streaming %d MiB at %d KiB/s; RSS every %d s" % (args.stream_mib, args.rate_kib, args.sample))
+        began, received, next_sample, samples = time.monotonic(), 0, 0.0, []
+        last_connect = began
+        while received < size:
+            chunk = response.read(256 * 1024)
+            if not chunk:
+                break
+            received += len(chunk)
+            now = time.monotonic() - began
+            if now - (last_connect - began) > 5:
+                handle.connect_peer(("127.0.0.1", velix_port))
+                last_connect = time.monotonic()
+            if now >= next_sample:
+                rss = proc_status(velix.pid, "VmRSS") / 1024
+                samples.append((now, received, rss))
+                print("  %6.0f s  %7.1f MiB streamed  RSS %6.1f MiB" % (now, received / 2**20, rss), flush=True)
+                next_sample += args.sample
+        connection.close()
+        elapsed = time.monotonic() - began
+        rss_end = proc_status(velix.pid, "VmRSS") / 1024
+        print("\nlong stream of %.0f MiB over %.0f s" % (received / 2**20, elapsed))
+        figure("RSS at the first sample", samples[0][2], "MiB")
+        figure("RSS at the end", rss_end, "MiB")
+        figure("RSS growth over the stream", rss_end - samples[0][2], "MiB")
+        later = [s[2] for s in samples if s[0] >= elapsed / 2]
+        figure("RSS growth over the second half", rss_end - (later[0] if later else rss_end), "MiB")
+        figure("peak RSS (VmHWM)", proc_status(velix.pid, "VmHWM") / 1024, "MiB", 400)
+    finally:
+        velix.quit()
+        del seeder
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("benchmark", choices=["library", "restart", "stream"])
+    parser.add_argument("--velix", required=True, help="the velix executable")
+    parser.add_argument("--work", default="/tmp/velix-scale-bench", help="where the data and the home live")
+    parser.add_argument("--count", type=int, default=2000)
+    parser.add_argument("--paused-kib", type=int, default=128, help="mean size of a paused torrent")
+    parser.add_argument("--seed-kib", type=int, default=1536, help="mean size of a torrent Velix seeds")
+    parser.add_argument("--own-seeds", type=int, default=150, help="torrents seeded from Velix's own copy")
+    parser.add_argument("--remote-seeds", type=int, default=20, help="torrents fetched from the seeder")
+    parser.add_argument("--rest", type=float, default=60, help="seconds of rest to measure CPU over")
+    parser.add_argument("--settle", type=float, default=10, help="seconds of quiet before the rest")
+    parser.add_argument("--requests", type=int, default=50, help="/state requests to time")
+    parser.add_argument("--runs", type=int, default=3, help="restarts")
+    parser.add_argument("--limit", type=float, default=600, help="longest wait for any phase, seconds")
+    parser.add_argument("--stream-mib", type=int, default=2048)
+    parser.add_argument("--rate-kib", type=int, default=8192, help="the stream seeder's upload limit")
+    parser.add_argument("--sample", type=int, default=15, help="seconds between RSS samples of the stream")
+    args = parser.parse_args()
+    require_loopback_only()
+    os.makedirs(args.work, exist_ok=True)
+    os.nice(5)
+    {"library": run_library, "restart": run_restart, "stream": run_stream}[args.benchmark](args)
+
+
+if __name__ == "__main__":
+    main()
