@@ -125,12 +125,14 @@ TEST(ActionsTest, CommandsReachTheTorrentAndUnknownOnesAreRefused)
     ASSERT_GE(first, 0);
     ASSERT_GE(second, 0);
     const int32_t high[] = {first, -1, 1000};
+    // The library applies priorities after its disk thread answers, so the report follows a
+    // moment later.
     ASSERT_TRUE(tb_set_file_priorities(s, tid, high, 3, 9));
-    EXPECT_EQ(priorityOf(bridge, id, first), 7);
+    EXPECT_TRUE(waitFor([&] { return priorityOf(bridge, id, first) == 7; }));
     EXPECT_EQ(priorityOf(bridge, id, second), 4);
     const int32_t low[] = {second};
     ASSERT_TRUE(tb_set_file_priorities(s, tid, low, 1, -1));
-    EXPECT_EQ(priorityOf(bridge, id, second), 0);
+    EXPECT_TRUE(waitFor([&] { return priorityOf(bridge, id, second) == 0; }));
     EXPECT_EQ(priorityOf(bridge, id, first), 7);
 
     // Limits below 1 mean none, which the report shows as -1 for connections and upload slots.
