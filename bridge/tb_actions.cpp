@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <optional>
 #include <string_view>
 #include <sys/stat.h>
 
@@ -85,18 +86,33 @@ void tb_session::check_files(const std::string &id, TorrentRec &rec)
         // A missing file is reported once; the text stands until the user acts.
         if (!rec.missing.empty() || !rec.handle.is_valid())
             return;
-        const lt::torrent_status st = rec.handle.status(lt::torrent_handle::query_save_path);
-        const std::shared_ptr<const lt::torrent_info> info = rec.handle.torrent_file();
+        check_files(id, rec, rec.handle.status(lt::torrent_handle::query_save_path
+                                               | lt::torrent_handle::query_torrent_file));
+    } catch (const std::exception &e) {
+        // The handle was removed meanwhile; the next scan no longer sees it.
+        std::fprintf(stderr, "check files failed: %s\n", e.what());
+    }
+}
+
+void tb_session::check_files(const std::string &id, TorrentRec &rec, const lt::torrent_status &st)
+{
+    try {
+        if (!rec.missing.empty() || !rec.handle.is_valid())
+            return;
+        const std::shared_ptr<const lt::torrent_info> info = st.torrent_file.lock();
         // While the storage moves, the files are legitimately between two places.
         if (!info || st.moving_storage)
             return;
         // files() rather than orig_files(): it carries the user's renames.
         const lt::file_storage &fs = info->files();
         const int count = fs.num_files();
-        const std::vector<lt::download_priority_t> priorities = rec.handle.get_file_priorities();
 
-        // A check rebuilds the progress from nothing; read during one it would say nothing.
-        if (!is_checking(st.state)) {
+        // A check rebuilds the progress from nothing; read during one it would say nothing. A
+        // file can only have become complete if bytes arrived since the last look, so a torrent
+        // at rest costs no per-file call into the library.
+        if (is_checking(st.state)) {
+            rec.scanned_done = -1;
+        } else if (st.total_done != rec.scanned_done) {
             const std::vector<std::int64_t> progress = rec.handle.file_progress();
             bool grew = false;
             const int known = std::min(count, static_cast<int>(progress.size()));
@@ -107,27 +123,32 @@ void tb_session::check_files(const std::string &id, TorrentRec &rec)
                     continue;
                 grew = rec.present.insert(k).second || grew;
             }
+            rec.scanned_done = st.total_done;
             if (grew)
                 save_presence(id, rec);
         }
 
+        // Priorities only matter for a file that is gone (one the user doesn't want may be
+        // deleted on purpose), so they are fetched only then.
+        std::optional<std::vector<lt::download_priority_t>> priorities;
         std::string gone;
         for (const int k : rec.present) {
             if (k < 0 || k >= count)
                 continue;
             const lt::file_index_t file(k);
-            // A file the user doesn't want may be deleted on purpose.
-            if (static_cast<size_t>(k) < priorities.size() && priorities[static_cast<size_t>(k)] == lt::dont_download)
-                continue;
             if (fs.pad_file_at(file) || fs.file_size(file) <= 0)
                 continue;
             const std::string path = fs.file_path(file, st.save_path);
             struct stat info_on_disk {};
             // Only "not there" counts: a permission or I/O error says nothing about the data.
-            if (::stat(path.c_str(), &info_on_disk) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
-                gone = path;
-                break;
-            }
+            if (::stat(path.c_str(), &info_on_disk) == 0 || (errno != ENOENT && errno != ENOTDIR))
+                continue;
+            if (!priorities)
+                priorities = rec.handle.get_file_priorities();
+            if (static_cast<size_t>(k) < priorities->size() && (*priorities)[static_cast<size_t>(k)] == lt::dont_download)
+                continue;
+            gone = path;
+            break;
         }
         if (gone.empty())
             return;
@@ -143,7 +164,6 @@ void tb_session::check_files(const std::string &id, TorrentRec &rec)
         rec.handle.save_resume_data(lt::torrent_handle::save_info_dict);
         event("error", id, info->name(), rec.missing);
     } catch (const std::exception &e) {
-        // The handle was removed meanwhile; the next scan no longer sees it.
         std::fprintf(stderr, "check files failed: %s\n", e.what());
     }
 }
@@ -190,6 +210,7 @@ bool tb_action(tb_session *s, const char *id, const char *word)
                 if (!rec.missing.empty()) {
                     rec.missing.clear();
                     rec.present.clear();
+                    rec.scanned_done = -1;
                     s->save_presence(key, rec);
                     s->forget_pieces(key);
                     // force_recheck clears a file error itself; a clear_error first restarts

@@ -24,10 +24,13 @@ typedef struct tb_reader tb_reader;
 
 // Session lifecycle ---------------------------------------------------------------------------
 
-// Creates the session with its state in `dir` (made if missing, with "resume/" under it),
-// restores every torrent saved there and starts the alert thread. `settings` is the settings
-// text. Blocks on disk reads of the state directory.
+// Creates the session with its state in `dir` (made if missing, with "resume/" under it) and
+// starts the alert thread. `settings` is the settings text. The torrents saved there come back
+// on a thread of their own, so that a library of thousands does not hold up the start; adding
+// one of them meanwhile restores it first and answers "duplicate".
 tb_session *tb_session_create(const char *dir, const char *settings);
+// Whether the torrents saved in the state directory are still coming back.
+bool tb_session_restoring(tb_session *session);
 // Applies a new settings text. A changed listen address clears the old listen results.
 void tb_apply_settings(tb_session *session, const char *settings);
 // Asks for resume data of torrents that changed and writes "session.state". Called about once

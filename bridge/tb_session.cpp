@@ -161,8 +161,21 @@ void tb_session::alert_loop()
 void tb_session::scan_files()
 {
     std::lock_guard<std::mutex> guard(mutex);
-    for (auto &[id, rec] : torrents)
-        check_files(id, rec);
+    if (torrents.empty())
+        return;
+    // One trip to the network thread for every torrent's status, instead of one per torrent:
+    // with thousands of torrents the per-torrent trips were the whole cost of a quiet second.
+    std::vector<lt::torrent_status> all = session->get_torrent_status(
+        [](const lt::torrent_status &) { return true; },
+        lt::torrent_handle::query_save_path | lt::torrent_handle::query_torrent_file);
+    std::map<lt::torrent_handle, const lt::torrent_status *> by_handle;
+    for (const lt::torrent_status &st : all)
+        by_handle.emplace(st.handle, &st);
+    for (auto &[id, rec] : torrents) {
+        const auto found = by_handle.find(rec.handle);
+        if (found != by_handle.end())
+            check_files(id, rec, *found->second);
+    }
 }
 
 void tb_session::handle_alert(lt::alert *alert)
@@ -355,10 +368,14 @@ tb_session *tb_session_create(const char *dir, const char *settings)
     s->dht_nodes_idx = lt::find_metric_idx("dht.dht_nodes");
     s->incoming_idx = lt::find_metric_idx("net.has_incoming_connections");
     s->session = std::make_unique<lt::session>(std::move(params));
-    // Restored torrents' alerts wait in the queue until the thread below runs.
-    s->load_resume_files();
     s->thread = std::thread([s] { s->alert_loop(); });
+    s->restorer = std::thread([s] { s->load_resume_files(); });
     return s;
+}
+
+bool tb_session_restoring(tb_session *s)
+{
+    return s && s->restoring.load();
 }
 
 void tb_apply_settings(tb_session *s, const char *settings)
@@ -411,6 +428,8 @@ void tb_session_destroy(tb_session *s)
         return;
     using namespace std::chrono;
     s->stop = true;
+    if (s->restorer.joinable())
+        s->restorer.join();
     if (s->thread.joinable())
         s->thread.join();
     s->piece_reads_changed.notify_all();

@@ -7,6 +7,7 @@
 #include <libtorrent/alert_types.hpp>
 #include <libtorrent/session.hpp>
 #include <libtorrent/torrent_handle.hpp>
+#include <libtorrent/torrent_status.hpp>
 
 #include <boost/shared_array.hpp>
 
@@ -38,6 +39,8 @@ struct TorrentRec
     std::set<int> present;
     // The user-visible text of a file gone missing; empty while all is well.
     std::string missing;
+    // total_done when the file progress was last read; -1 when it must be read again.
+    int64_t scanned_done = -1;
 };
 
 struct Event
@@ -66,6 +69,10 @@ struct tb_session
     std::unique_ptr<lt::session> session;
     std::thread thread;
     std::atomic<bool> stop{false};
+    // The library comes back on its own thread, so that a big one does not hold up the start.
+    std::thread restorer;
+    std::atomic<bool> restoring{true};
+    std::mutex restore_lock;
 
     // Guards the records and the report fields down to last_file_scan. Taken before
     // piece_reads_lock, never while waiting.
@@ -122,11 +129,17 @@ struct tb_session
     void scan_files();
     void scan_banned_peers();
     void check_files(const std::string &id, TorrentRec &rec);
+    // The same with a status already taken with the save path and the torrent file.
+    void check_files(const std::string &id, TorrentRec &rec, const lt::torrent_status &st);
     void save_presence(const std::string &id, const TorrentRec &rec);
     void forget_pieces(const std::string &id);
     void apply_trackers(TorrentRec &rec);
     void trim_piece_cache();
+    // Runs on `restorer`: every resume file, one at a time under `restore_lock`.
     void load_resume_files();
+    void restore_one(const std::string &file_name);
+    // While the restore runs: brings back the torrent of this id now, if it has a resume file.
+    void restore_before_add(const std::string &id);
     void remember(const lt::torrent_handle &handle, const std::string &id,
                   const std::set<int> &present);
     std::string resume_path(const std::string &id) const;

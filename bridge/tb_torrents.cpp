@@ -200,6 +200,9 @@ char *add(tb_session *s, lt::add_torrent_params params, const char *opts, char *
     // library would hand back its handle and merge the new link's trackers into it.
     params.flags |= lt::torrent_flags::duplicate_is_error;
     const std::string id = id_of_params(params);
+    // A torrent of the library that the restore has not reached yet is brought back first,
+    // so that adding it again finds it instead of starting it over in a new place.
+    s->restore_before_add(id);
     lt::error_code ec;
     lt::torrent_handle handle;
     {
@@ -250,6 +253,7 @@ void tb_session::remember(const lt::torrent_handle &handle, const std::string &i
     std::lock_guard<std::mutex> guard(mutex);
     TorrentRec &rec = torrents[id];
     rec.handle = handle;
+    rec.scanned_done = -1;
     handle_ids[handle] = id;
 
     const std::vector<char> bytes = read_file(presence_path(id));
@@ -270,68 +274,103 @@ void tb_session::remember(const lt::torrent_handle &handle, const std::string &i
     check_files(id, rec);
 }
 
-void tb_session::load_resume_files()
+lt::load_torrent_limits resume_limits()
 {
-    DIR *folder = ::opendir((dir + "/resume").c_str());
-    if (!folder)
-        return;
-    std::vector<std::string> names;
-    while (const dirent *entry = ::readdir(folder)) {
-        const std::string name = entry->d_name;
-        if (name.size() >= 8 && name.compare(name.size() - 7, 7, ".resume") == 0)
-            names.push_back(name);
-    }
-    ::closedir(folder);
-
     lt::load_torrent_limits limits;
     limits.max_buffer_size = 10000000;
     limits.max_pieces = 2097152;
     limits.max_decode_depth = 100;
     limits.max_decode_tokens = 3000000;
+    return limits;
+}
 
-    for (const std::string &name : names) {
-        try {
-            const std::vector<char> bytes = read_file(dir + "/resume/" + name);
-            if (bytes.empty())
-                continue;
-            lt::error_code ec;
-            lt::add_torrent_params params = lt::read_resume_data(bytes, ec, limits);
-            // A file that doesn't read stays on disk; the next start tries it again.
-            if (ec)
-                continue;
-            // The file carries the id the torrent was added under. For a btih link of a
-            // hybrid torrent that is the v1 hash, while the metadata now names the v2 one.
-            std::string id = name.substr(0, name.size() - 7);
-            if (!is_id(id))
-                id = id_of_params(params);
-
-            std::set<int> candidates = resume_candidates(params);
-            const std::vector<char> presence = read_file(presence_path(id));
-            if (!presence.empty())
-                candidates = parse_presence(presence);
-            if (candidate_missing(params, candidates)) {
-                // Added paused, the first check_files reports the file instead of a silent
-                // download from scratch.
-                params.flags |= lt::torrent_flags::paused;
-                params.flags &= ~lt::torrent_flags::auto_managed;
-            }
-
-            // What the resume data says of pieces is not believed: every start hashes the
-            // disk again.
-            params.have_pieces.clear();
-            params.verified_pieces.clear();
-            params.unfinished_pieces.clear();
-            params.flags &= ~(lt::torrent_flags::seed_mode | lt::torrent_flags::no_verify_files);
-            // Two resume files of one torrent must not make two records of one handle.
-            params.flags |= lt::torrent_flags::duplicate_is_error;
-
-            const lt::torrent_handle handle = session->add_torrent(std::move(params), ec);
-            if (ec || !handle.is_valid())
-                continue;
-            remember(handle, id, candidates);
-        } catch (const std::exception &e) {
-            std::fprintf(stderr, "restore of %s failed: %s\n", name.c_str(), e.what());
+void tb_session::load_resume_files()
+{
+    DIR *folder = ::opendir((dir + "/resume").c_str());
+    std::vector<std::string> names;
+    if (folder) {
+        while (const dirent *entry = ::readdir(folder)) {
+            const std::string name = entry->d_name;
+            if (name.size() >= 8 && name.compare(name.size() - 7, 7, ".resume") == 0)
+                names.push_back(name);
         }
+        ::closedir(folder);
+    }
+    for (const std::string &name : names) {
+        if (stop.load())
+            break;
+        std::lock_guard<std::mutex> one_at_a_time(restore_lock);
+        restore_one(name);
+    }
+    restoring = false;
+}
+
+void tb_session::restore_before_add(const std::string &id)
+{
+    if (!restoring.load())
+        return;
+    std::lock_guard<std::mutex> one_at_a_time(restore_lock);
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (torrents.count(id))
+            return;
+    }
+    struct stat info {};
+    if (::stat(resume_path(id).c_str(), &info) == 0)
+        restore_one(id + ".resume");
+}
+
+void tb_session::restore_one(const std::string &name)
+{
+    try {
+        const std::vector<char> bytes = read_file(dir + "/resume/" + name);
+        if (bytes.empty())
+            return;
+        lt::error_code ec;
+        lt::add_torrent_params params = lt::read_resume_data(bytes, ec, resume_limits());
+        // A file that doesn't read stays on disk; the next start tries it again.
+        if (ec)
+            return;
+        // The file carries the id the torrent was added under. For a btih link of a
+        // hybrid torrent that is the v1 hash, while the metadata now names the v2 one.
+        std::string id = name.substr(0, name.size() - 7);
+        if (!is_id(id))
+            id = id_of_params(params);
+
+        std::set<int> candidates = resume_candidates(params);
+        const std::vector<char> presence = read_file(presence_path(id));
+        if (!presence.empty())
+            candidates = parse_presence(presence);
+        if (candidate_missing(params, candidates)) {
+            // Added paused, the first check_files reports the file instead of a silent
+            // download from scratch.
+            params.flags |= lt::torrent_flags::paused;
+            params.flags &= ~lt::torrent_flags::auto_managed;
+        }
+
+        // What the resume data says of pieces is not believed: every start hashes the
+        // disk again.
+        params.have_pieces.clear();
+        params.verified_pieces.clear();
+        params.unfinished_pieces.clear();
+        params.flags &= ~(lt::torrent_flags::seed_mode | lt::torrent_flags::no_verify_files);
+        // Two resume files of one torrent must not make two records of one handle.
+        params.flags |= lt::torrent_flags::duplicate_is_error;
+
+        lt::torrent_handle handle;
+        {
+            // The alert thread runs meanwhile: the id is known before any alert of the
+            // handle can be looked at.
+            std::lock_guard<std::mutex> guard(mutex);
+            handle = session->add_torrent(std::move(params), ec);
+            if (ec || !handle.is_valid())
+                return;
+            torrents[id].handle = handle;
+            handle_ids[handle] = id;
+        }
+        remember(handle, id, candidates);
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "restore of %s failed: %s\n", name.c_str(), e.what());
     }
 }
 

@@ -13,9 +13,11 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <chrono>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -33,9 +35,13 @@ inline std::string take(char *text)
 class BridgeSession
 {
 public:
-    BridgeSession(const std::string &dir, const std::string &settings)
+    // Waits until the saved torrents are back unless told not to.
+    BridgeSession(const std::string &dir, const std::string &settings, bool waitForRestore = true)
         : m_session(tb_session_create(dir.c_str(), settings.c_str()))
     {
+        const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (waitForRestore && tb_session_restoring(m_session) && std::chrono::steady_clock::now() < giveUp)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     ~BridgeSession() { close(); }
     BridgeSession(const BridgeSession &) = delete;

@@ -372,7 +372,14 @@ TEST(TorrentsTest, RestoreHashesEveryTorrentAndHoldsBackOnlyOnesMissingAWantedFi
             writePatternFile(content + "/" + files[row.name][0].path, 40000, 999);
     }
 
-    BridgeSession s(state, settings);
+    BridgeSession s(state, settings, false);
+    // Added again while the library may still be coming back: found, not started over.
+    char *error = nullptr;
+    const std::string again = take(tb_add_torrent(s.get(), made["Intact"].torrentPath.c_str(),
+                                                  ("save_path=" + tmp.file("elsewhere")).c_str(), &error));
+    EXPECT_EQ(again, made["Intact"].id);
+    EXPECT_EQ(take(error), "duplicate");
+    ASSERT_TRUE(waitFor([&] { return !tb_session_restoring(s.get()); }));
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
         const QJsonObject st = torrentStatus(s.get(), made[row.name].id);

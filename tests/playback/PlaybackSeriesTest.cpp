@@ -163,7 +163,7 @@ TEST_F(PlaybackSeriesTest, PicksTracksByTheListsAndByTheUsersChoiceIntoTheNextEp
         s.subtitleMode = SubtitleMode::Always;
     });
     addSeries();
-    seeder.connectTo(*series, enginePort);
+    ASSERT_TRUE(seeder.connectTo(*series, enginePort));
     startModel();
 
     const TorrentFile first = file("Show.S01E01.mkv");
@@ -210,7 +210,7 @@ TEST_F(PlaybackSeriesTest, ResumesAfterARestartAndSurvivesASeekIntoAStalledStrea
     ASSERT_TRUE(seeder->seed(*series));
     startEngine();
     addSeries();
-    seeder->connectTo(*series, enginePort);
+    ASSERT_TRUE(seeder->connectTo(*series, enginePort));
     startModel();
 
     const TorrentFile first = file("Show.S01E01.mkv");
@@ -225,7 +225,7 @@ TEST_F(PlaybackSeriesTest, ResumesAfterARestartAndSurvivesASeekIntoAStalledStrea
     const double stored = engine->meta().value(id()).positions.value(first.i);
     ASSERT_GT(stored, 40.0) << "quitting keeps the position";
     ASSERT_TRUE(waitFor([&] { return engine->torrent(id()).has_value(); }));
-    seeder->connectTo(*series, enginePort);
+    ASSERT_TRUE(seeder->connectTo(*series, enginePort));
     startModel();
     log->clear();
     model->open(id(), first);
@@ -268,7 +268,7 @@ TEST_F(PlaybackSeriesTest, ResumesAfterARestartAndSurvivesASeekIntoAStalledStrea
     // Once a seeder is back, playback goes on from there, after that one reload.
     LocalSeeder again(SlowUpload);
     ASSERT_TRUE(again.seed(*series));
-    again.connectTo(*series, enginePort);
+    ASSERT_TRUE(again.connectTo(*series, enginePort));
     ASSERT_TRUE(waitFor([&] { return playingPast(further + 0.5); }, 120s));
     EXPECT_EQ(log->loads(), loadsBefore + 1);
     EXPECT_FALSE(model->error().has_value());

@@ -3,6 +3,7 @@
 #include <libtorrent/alert_types.hpp>
 #include <libtorrent/create_torrent.hpp>
 #include <libtorrent/ip_filter.hpp>
+#include <libtorrent/peer_info.hpp>
 #include <libtorrent/session.hpp>
 #include <libtorrent/torrent_info.hpp>
 
@@ -143,12 +144,34 @@ std::string LocalSeeder::magnet(const MadeTorrent &t) const
     return "magnet:?xt=urn:btih:" + t.v1Hex + "&dn=" + t.name + "&x.pe=" + endpoint();
 }
 
-void LocalSeeder::connectTo(const MadeTorrent &t, int peerPort)
+bool LocalSeeder::connectTo(const MadeTorrent &t, int peerPort)
 {
     const auto it = m_impl->handles.find(t.id);
     if (it == m_impl->handles.end())
-        return;
-    it->second.connect_peer(lt::tcp::endpoint(lt::make_address("127.0.0.1"), static_cast<std::uint16_t>(peerPort)));
+        return false;
+    const lt::tcp::endpoint peer(lt::make_address("127.0.0.1"), static_cast<std::uint16_t>(peerPort));
+    // A peer that refused once (its listen socket was not up yet) is only tried again after a
+    // minute, longer than a test waits; so the connection is asked for until it stands.
+    const auto connected = [&] {
+        std::vector<lt::peer_info> peers;
+        it->second.get_peer_info(peers);
+        for (const lt::peer_info &p : peers) {
+            if (p.ip == peer && !(p.flags & (lt::peer_info::connecting | lt::peer_info::handshake)))
+                return true;
+        }
+        return false;
+    };
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (std::chrono::steady_clock::now() < giveUp) {
+        it->second.connect_peer(peer);
+        const auto retry = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+        while (std::chrono::steady_clock::now() < retry) {
+            if (connected())
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    }
+    return false;
 }
 
 std::string quietSettingsText(int port)

@@ -51,8 +51,9 @@ public:
     std::string endpoint() const; // "127.0.0.1:<port>"
     // magnet:?xt=urn:btih:<v1>&dn=<name>&x.pe=127.0.0.1:<port>
     std::string magnet(const MadeTorrent &t) const;
-    // Connects the seeder to a peer listening at 127.0.0.1:port for torrent t.
-    void connectTo(const MadeTorrent &t, int port);
+    // Connects the seeder to a peer listening at 127.0.0.1:port for torrent t and waits until
+    // the connection stands; false if it did not within 30 s.
+    bool connectTo(const MadeTorrent &t, int port);
 
 private:
     struct Impl;
