@@ -100,7 +100,7 @@ class Velix:
     def start(self):
         env = dict(os.environ)
         env.update(VELIX_HOME=self.home, VELIX_BACKGROUND="1", QT_QPA_PLATFORM="offscreen", VELIX_SILENT="1",
-                   VELIX_CONTROL_PORT=str(self.port))
+                   VELIX_CONTROL_PORT=str(self.port), VELIX_POLL_LOG="1")
         log = open(self.log_path, "ab")
         self.started = time.monotonic()
         self.process = subprocess.Popen([self.binary], env=env, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
@@ -331,6 +331,20 @@ def measure_rest(velix, seconds):
     return (cpu1 - cpu0) / elapsed, (main1 - main0) / elapsed, elapsed, rss
 
 
+def poll_log_since(path, offset):
+    """The engine's per-poll lines written to the log after offset: (apply ms list, late ms list)."""
+    applies, lates = [], []
+    with open(path, "rb") as f:
+        f.seek(offset)
+        for line in f.read().decode("utf-8", "replace").splitlines():
+            words = dict(w.split("=", 1) for w in line.split()[2:] if "=" in w) if line.startswith("poll ") else {}
+            if line.startswith("poll apply_ms="):
+                applies.append(float(line.split()[1].split("=")[1]))
+            elif line.startswith("poll tick ") and "late_ms" in words:
+                lates.append(float(words["late_ms"]))
+    return applies, lates
+
+
 def measure_state(velix, requests):
     times, size = [], 0
     for _ in range(requests):
@@ -396,12 +410,20 @@ def run_library(args):
         time.sleep(args.settle)
 
         print("\nat rest, %d torrents, %d threads" % (len(library.entries), thread_count(velix.pid)))
+        log_offset = os.path.getsize(velix.log_path)
         cpu, main, elapsed, rss = measure_rest(velix, args.rest)
+        applies, lates = poll_log_since(velix.log_path, log_offset)
         figure("CPU at rest over %.0f s, whole process" % elapsed, cpu * 100, "%", 5)
         figure("CPU at rest, main thread", main * 100, "%")
         # The engine polls once a second at rest, so the main thread's time a second is an upper
         # bound of one poll's apply on the main thread.
         figure("main-thread time a poll (upper bound)", main * 1000, "ms")
+        if applies:
+            figure("poll apply on the main thread, median of %d" % len(applies), median(applies), "ms")
+            figure("poll apply on the main thread, p99", percentile(applies, 99), "ms", 16)
+        if lates:
+            # A 1 s poll runs on a coarse timer, which may fire up to 5 % late by design.
+            figure("poll timer lateness, p99 of %d" % len(lates), percentile(lates, 99), "ms")
         figure("resident memory (median over the rest)", median(rss) / 1024, "MiB", 400)
         figure("resident memory peak so far (VmHWM)", proc_status(velix.pid, "VmHWM") / 1024, "MiB")
 

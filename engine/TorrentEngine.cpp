@@ -14,11 +14,13 @@
 #include <QDBusPendingCallWatcher>
 #include <QDesktopServices>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QScopeGuard>
 #include <QStringDecoder>
 
 #include <QCoroNetworkReply>
@@ -340,6 +342,18 @@ void TorrentEngine::setPollInterval(double seconds)
     m_timer->start(static_cast<int>(std::lround(seconds * 1000)));
 }
 
+namespace {
+
+// VELIX_POLL_LOG=1 writes the main thread's share of every poll to standard error, for the
+// benchmarks that watch a big library.
+bool pollLogEnabled()
+{
+    static const bool enabled = qEnvironmentVariableIntValue("VELIX_POLL_LOG") == 1;
+    return enabled;
+}
+
+} // namespace
+
 void TorrentEngine::timerTick()
 {
     const double now = uptimeSeconds();
@@ -350,6 +364,9 @@ void TorrentEngine::timerTick()
         if (lateness > m_pollInterval * 0.1 + 0.1)
             m_lastInterfaceDelay = now;
     }
+    if (pollLogEnabled() && m_lastTimerTick)
+        std::fprintf(stderr, "poll tick late_ms=%.3f interval_ms=%.0f\n",
+                     (now - *m_lastTimerTick - m_pollInterval) * 1000.0, m_pollInterval * 1000.0);
     m_lastTimerTick = now;
     poll();
 }
@@ -381,6 +398,13 @@ void TorrentEngine::apply(const std::optional<StatusSnapshot> &snapshot, const Q
 {
     if (!snapshot || m_isShutDown)
         return;
+    QElapsedTimer took;
+    took.start();
+    const auto logTime = qScopeGuard([&] {
+        if (pollLogEnabled())
+            std::fprintf(stderr, "poll apply_ms=%.3f torrents=%lld\n", static_cast<double>(took.nsecsElapsed()) / 1e6,
+                         static_cast<long long>(snapshot->torrents.size()));
+    });
     if (snapshot->session != m_sessionInfo) {
         m_sessionInfo = snapshot->session;
         emit sessionInfoChanged();
