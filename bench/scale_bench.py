@@ -96,11 +96,13 @@ class Velix:
         self.log_path = log_path
         self.process = None
         self.started = 0.0
+        self.extra_env = {}
 
     def start(self):
         env = dict(os.environ)
         env.update(VELIX_HOME=self.home, VELIX_BACKGROUND="1", QT_QPA_PLATFORM="offscreen", VELIX_SILENT="1",
                    VELIX_CONTROL_PORT=str(self.port), VELIX_POLL_LOG="1")
+        env.update(self.extra_env)
         log = open(self.log_path, "ab")
         self.started = time.monotonic()
         self.process = subprocess.Popen([self.binary], env=env, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
@@ -521,25 +523,98 @@ def run_restart(args):
 
 # The stream --------------------------------------------------------------------------------------
 
+def make_long_video(work, size_mib, mbit):
+    """A video of about size_mib made of one noisy minute repeated (encoded once, copied after)."""
+    source = os.path.join(work, "source")
+    os.makedirs(source, exist_ok=True)
+    name = "Long film %d MiB.mkv" % size_mib
+    path = os.path.join(source, name)
+    if os.path.exists(path) and os.path.getsize(path) >= (size_mib << 20) * 0.9:
+        return path, name
+    minute = os.path.join(work, "minute-%dM.mkv" % mbit)
+    if not os.path.exists(minute):
+        # Noise keeps the encoder at its rate; a small picture keeps decoding cheap.
+        subprocess.run(["ffmpeg", "-v", "error", "-y",
+                        "-f", "lavfi", "-i", "testsrc2=size=640x360:rate=25,noise=alls=40:allf=t+u",
+                        "-f", "lavfi", "-i", "sine=frequency=440:sample_rate=48000",
+                        "-t", "60", "-c:v", "mpeg4", "-b:v", "%dM" % mbit, "-minrate", "%dM" % mbit,
+                        "-maxrate", "%dM" % mbit, "-bufsize", "%dM" % mbit, "-g", "50",
+                        "-c:a", "mp2", "-b:a", "192k", minute], check=True)
+    copies = max(1, int(round((size_mib << 20) / os.path.getsize(minute))))
+    listing = os.path.join(work, "minutes.txt")
+    with open(listing, "w") as f:
+        for _ in range(copies):
+            f.write("file '%s'\n" % minute)
+    subprocess.run(["ffmpeg", "-v", "error", "-y", "-f", "concat", "-safe", "0", "-i", listing,
+                    "-c", "copy", path], check=True)
+    return path, name
+
+
+def media_seconds(path):
+    out = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "csv=p=0", path],
+                         check=True, capture_output=True, text=True).stdout
+    return float(out.strip())
+
+
+class PlayerWatch:
+    """Samples the player in /state once a second and counts stalls: the player waiting for data
+    while it was meant to play (not paused, not in the wait right after a seek)."""
+
+    def __init__(self, velix):
+        self.velix = velix
+        self.stalls = 0
+        self.stalled_seconds = 0.0
+        self.stalling = False
+
+    def player(self):
+        return self.velix.state().get("player", {})
+
+    def sample(self, step):
+        p = self.player()
+        waiting = p.get("buffering") and not p.get("paused") and not p.get("waitingAfterSeek")
+        if waiting:
+            self.stalled_seconds += step
+            if not self.stalling:
+                self.stalls += 1
+        self.stalling = bool(waiting)
+        return p
+
+    def playing_past(self, seconds, limit):
+        """Seconds until the player plays beyond a position, or nan."""
+        began = time.monotonic()
+        while time.monotonic() - began < limit:
+            p = self.player()
+            if p.get("loaded") and not p.get("waitingAfterSeek") and p.get("position", 0) > seconds:
+                return time.monotonic() - began
+            time.sleep(0.1)
+        return float("nan")
+
+
+def cache_sizes_since(path, offset):
+    sizes = []
+    with open(path, "rb") as f:
+        f.seek(offset)
+        for line in f.read().decode("utf-8", "replace").splitlines():
+            if line.startswith("cache bytes="):
+                sizes.append(int(line.split()[1].split("=")[1]))
+    return sizes
+
+
 def run_stream(args):
     work = os.path.join(args.work, "stream")
-    source, home = os.path.join(work, "source"), os.path.join(work, "home")
+    home = os.path.join(work, "home")
     shutil.rmtree(home, ignore_errors=True)
-    os.makedirs(source, exist_ok=True)
-    name = "Long stream.mkv"
-    path = os.path.join(source, name)
-    size = args.stream_mib << 20
-    if not os.path.exists(path) or os.path.getsize(path) != size:
-        rng = random.Random(7)
-        with open(path, "wb") as f:
-            for _ in range(args.stream_mib):
-                f.write(rng.randbytes(1 << 20))
-    torrent_path = os.path.join(work, "long.torrent")
+    os.makedirs(work, exist_ok=True)
+    path, name = make_long_video(work, args.stream_mib, args.video_mbit)
+    size, seconds = os.path.getsize(path), media_seconds(path)
+    bitrate = size / seconds
+    rate = int(bitrate * args.rate_factor)
+    torrent_path = os.path.join(work, "long-%d.torrent" % size)
     if not os.path.exists(torrent_path):
         storage = lt.file_storage()
         lt.add_files(storage, path)
-        maker = lt.create_torrent(storage, 1 << 20)
-        lt.set_piece_hashes(maker, source)
+        maker = lt.create_torrent(storage, 4 << 20)
+        lt.set_piece_hashes(maker, os.path.dirname(path))
         with open(torrent_path, "wb") as f:
             f.write(lt.bencode(maker.generate()))
 
@@ -548,51 +623,80 @@ def run_stream(args):
     shutil.rmtree(downloads, ignore_errors=True)
     os.makedirs(downloads)
     write_settings(home, downloads, velix_port)
-    seeder = seeder_session(seeder_port, args.rate_kib)
+    seeder = seeder_session(seeder_port, rate // 1024)
     params = lt.add_torrent_params()
     params.ti = lt.torrent_info(torrent_path)
-    params.save_path = source
+    params.save_path = os.path.dirname(path)
     params.flags = lt.torrent_flags.seed_mode
     handle = seeder.add_torrent(params)
 
-    velix = Velix(args.velix, home, free_port(), os.path.join(work, "stream.log")).start()
+    log_path = os.path.join(work, "stream.log")
+    velix = Velix(args.velix, home, free_port(), log_path)
+    velix.extra_env = {"VELIX_READER_LOG": "1"}
+    log_offset = os.path.getsize(log_path) if os.path.exists(log_path) else 0
+    velix.start()
     try:
         velix.wait_for_state()
         status, body, _ = velix.get("/add?path=%s&save=%s" % (quote(torrent_path), quote(downloads)))
         torrent_id = json.loads(body)["id"]
         handle.connect_peer(("127.0.0.1", velix_port))
-        connection = http.client.HTTPConnection("127.0.0.1", velix.port, timeout=120)
-        connection.request("GET", "/stream/%s/0/%s" % (torrent_id, quote(name)))
-        response = connection.getresponse()
-        if response.status not in (200, 206):
-            raise RuntimeError("/stream answered %d" % response.status)
-        print("streaming %d MiB at %d KiB/s; RSS every %d s" % (args.stream_mib, args.rate_kib, args.sample))
-        began, received, next_sample, samples = time.monotonic(), 0, 0.0, []
-        last_connect = began
-        while received < size:
-            chunk = response.read(256 * 1024)
-            if not chunk:
-                break
-            received += len(chunk)
-            now = time.monotonic() - began
-            if now - (last_connect - began) > 5:
+        print("%.0f MiB, %.0f s of video at %.2f Mbit/s; the seeder gives %.2f Mbit/s (%.1f x)"
+              % (size / 2**20, seconds, bitrate * 8 / 1e6, rate * 8 / 1e6, args.rate_factor), flush=True)
+        began = time.monotonic()
+        status, body, _ = velix.get("/play?id=%s&file=0" % torrent_id, timeout=120)
+        if status != 200:
+            raise RuntimeError("/play answered %d: %s" % (status, body[:200]))
+        watch = PlayerWatch(velix)
+        first = watch.playing_past(0.5, args.limit)
+        print("playing after %.2f s; RSS every %d s" % (first, args.sample), flush=True)
+
+        samples, next_sample, last_connect = [], 0.0, time.monotonic()
+        play_began = time.monotonic()
+        while time.monotonic() - play_began < args.play_seconds:
+            p = watch.sample(1.0)
+            now = time.monotonic() - play_began
+            if time.monotonic() - last_connect > 5:
                 handle.connect_peer(("127.0.0.1", velix_port))
                 last_connect = time.monotonic()
             if now >= next_sample:
                 rss = proc_status(velix.pid, "VmRSS") / 1024
-                samples.append((now, received, rss))
-                print("  %6.0f s  %7.1f MiB streamed  RSS %6.1f MiB" % (now, received / 2**20, rss), flush=True)
+                samples.append((now, rss))
+                print("  %5.0f s  position %7.1f s  cache %5.1f s  RSS %6.1f MiB  stalls %d"
+                      % (now, p.get("position", 0), p.get("cacheTime", 0), rss, watch.stalls), flush=True)
                 next_sample += args.sample
-        connection.close()
-        elapsed = time.monotonic() - began
-        rss_end = proc_status(velix.pid, "VmRSS") / 1024
-        print("\nlong stream of %.0f MiB over %.0f s" % (received / 2**20, elapsed))
-        figure("RSS at the first sample", samples[0][2], "MiB")
-        figure("RSS at the end", rss_end, "MiB")
-        figure("RSS growth over the stream", rss_end - samples[0][2], "MiB")
-        later = [s[2] for s in samples if s[0] >= elapsed / 2]
-        figure("RSS growth over the second half", rss_end - (later[0] if later else rss_end), "MiB")
-        figure("peak RSS (VmHWM)", proc_status(velix.pid, "VmHWM") / 1024, "MiB", 400)
+            time.sleep(1.0)
+        played_stalls, played_stalled = watch.stalls, watch.stalled_seconds
+
+        seek_times, fractions = [], [0.15, 0.85, 0.35, 0.65, 0.5, 0.95]
+        for fraction in fractions:
+            target = seconds * fraction
+            velix.get("/seek?t=%.1f" % target)
+            took = watch.playing_past(target + 0.5, args.limit)
+            seek_times.append(took)
+            for _ in range(args.after_seek):
+                watch.sample(1.0)
+                time.sleep(1.0)
+            rss = proc_status(velix.pid, "VmRSS") / 1024
+            samples.append((time.monotonic() - play_began, rss))
+            print("  seek to %3.0f %%: playing after %.2f s; RSS %.1f MiB, stalls %d"
+                  % (fraction * 100, took, rss, watch.stalls), flush=True)
+
+        cache = cache_sizes_since(log_path, log_offset)
+        limit_bytes = 64 << 20
+        print("\nlong stream: %.0f s played in real time, then %d seeks" % (args.play_seconds, len(fractions)))
+        figure("start until playing", first, "s")
+        figure("stalls while playing (swarm at %.1f x the bitrate)" % args.rate_factor, played_stalls, "", 1)
+        figure("seconds stalled while playing", played_stalled, "s")
+        figure("stalls after the seeks", watch.stalls - played_stalls, "")
+        figure("seek until playing, median of %d" % len(seek_times), median(seek_times), "s")
+        after_minute = [r for t, r in samples if t >= 60]
+        figure("RSS peak (VmHWM)", proc_status(velix.pid, "VmHWM") / 1024, "MiB", 250)
+        if after_minute:
+            figure("RSS growth after the first minute", max(after_minute) - after_minute[0], "MiB")
+            figure("RSS at the end", after_minute[-1], "MiB", 250)
+        if cache:
+            figure("piece cache, largest after a trim", max(cache) / 2**20, "MiB", 64.5)
+            figure("trims that left the cache above 64 MiB", sum(1 for c in cache if c > limit_bytes), "", 1)
     finally:
         velix.quit()
         del seeder
@@ -613,8 +717,11 @@ def main():
     parser.add_argument("--requests", type=int, default=50, help="/state requests to time")
     parser.add_argument("--runs", type=int, default=3, help="restarts")
     parser.add_argument("--limit", type=float, default=600, help="longest wait for any phase, seconds")
-    parser.add_argument("--stream-mib", type=int, default=2048)
-    parser.add_argument("--rate-kib", type=int, default=8192, help="the stream seeder's upload limit")
+    parser.add_argument("--stream-mib", type=int, default=4096, help="size of the long video")
+    parser.add_argument("--video-mbit", type=int, default=8, help="bit rate of the long video")
+    parser.add_argument("--rate-factor", type=float, default=1.5, help="the seeder's upload over the bit rate")
+    parser.add_argument("--play-seconds", type=float, default=600, help="real-time playing before the seeks")
+    parser.add_argument("--after-seek", type=int, default=20, help="seconds played after each seek")
     parser.add_argument("--sample", type=int, default=15, help="seconds between RSS samples of the stream")
     args = parser.parse_args()
     require_loopback_only()

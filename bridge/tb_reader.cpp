@@ -361,8 +361,15 @@ void tb_session::trim_piece_cache()
     int64_t total = 0;
     for (const auto &[key, entry] : piece_reads)
         total += entry.size;
-    if (total <= CacheLimitBytes)
+    // The cache's size after each trim, for the long-stream benchmark that watches its bound.
+    const auto log_size = [&] {
+        if (reader_log_enabled())
+            std::fprintf(stderr, "cache bytes=%lld pieces=%zu\n", static_cast<long long>(total), piece_reads.size());
+    };
+    if (total <= CacheLimitBytes) {
+        log_size();
         return;
+    }
     const int64_t now = now_ns();
     while (total > CacheLimitBytes) {
         auto victim = piece_reads.end();
@@ -380,6 +387,7 @@ void tb_session::trim_piece_cache()
         // A reader holding this buffer keeps it alive through its shared array.
         piece_reads.erase(victim);
     }
+    log_size();
 }
 
 extern "C" {

@@ -113,7 +113,7 @@ TEST_F(FileWatchTest, DeletedFileIsReportedOnceHeldAndBackToSeedingAfterResume)
     EXPECT_FALSE(st["finished"].toBool());
 
     // Offered a peer that has the file, a held torrent neither fetches it nor speaks again.
-    s_seeder->connectTo(s_torrent, bridge.port());
+    s_seeder->offer(s_torrent, bridge.port());
     std::this_thread::sleep_for(TwoWatchRounds);
     EXPECT_EQ(bridge.errors(id), report);
     EXPECT_EQ(bridge.state(id), "missing");

@@ -54,6 +54,8 @@ public:
     // Connects the seeder to a peer listening at 127.0.0.1:port for torrent t and waits until
     // the connection stands; false if it did not within 30 s.
     bool connectTo(const MadeTorrent &t, int port);
+    // One attempt to connect, without waiting; for loops that wait on something else.
+    void offer(const MadeTorrent &t, int port);
 
 private:
     struct Impl;
