@@ -3,11 +3,13 @@
 
   library  2,000 torrents made here (single files and folders, small data): most added paused,
            some seeded from Velix's own copy, some fetched from a libtorrent seeder on 127.0.0.1.
-           Figures: CPU at rest, /state answer time, resident memory, main-thread time a poll.
+           Figures: CPU at rest, /state answer time, resident memory, the main thread's apply of
+           each poll (p99) and the poll timer's lateness.
   restart  the library above started again: time until /state answers while the restored
            torrents are hash-checked, and the check throughput against sha1sum on the same data.
-  stream   resident memory over time while a large file streams through /stream from a
-           throttled seeder on 127.0.0.1.
+  stream   a long film played by the built-in player in real time from a seeder on 127.0.0.1
+           throttled to 1.5 x its bit rate, then seeks across it: stalls, time to play,
+           resident memory over time and the piece cache's size after every trim.
 
 Every figure is printed with its target. Run it inside a loopback-only network namespace (the
 script refuses otherwise) with the Python that has the libtorrent module (/usr/bin/python3).
