@@ -10,6 +10,7 @@
 #include <clocale>
 #include <csignal>
 #include <cstdio>
+#include <malloc.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -51,6 +52,12 @@ bool hasDisplay()
 
 int main(int argc, char **argv)
 {
+    // Streamed pieces arrive as buffers of up to 16 MiB that live for seconds. By default the
+    // allocator raises its mmap threshold after the first such buffer is freed, and from then
+    // on serves them from the heap, where the freed megabytes stay with the process: a few
+    // seeks into downloaded data left hundreds of MiB resident. A fixed threshold (which also
+    // turns the raising off) hands every large buffer back to the system when it is freed.
+    mallopt(M_MMAP_THRESHOLD, 512 * 1024);
     // The libraries must find the program's own data files before anything loads them.
     BundledRuntime::configure();
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && !hasDisplay())

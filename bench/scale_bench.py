@@ -190,7 +190,13 @@ def seeder_session(port, upload_kib=0):
         "upload_rate_limit": upload_kib * 1024,
         "active_seeds": 10000, "active_limit": 10000,
     }
-    return lt.session(pack)
+    session = lt.session(pack)
+    if upload_kib:
+        # Loopback peers are exempt from rate limits unless a filter puts them in the global class.
+        loopback = lt.ip_filter()
+        loopback.add_rule("127.0.0.0", "127.255.255.255", 1 << lt.session.global_peer_class_id)
+        session.set_peer_class_filter(loopback)
+    return session
 
 
 # The library -------------------------------------------------------------------------------------
@@ -663,8 +669,10 @@ def run_stream(args):
             if now >= next_sample:
                 rss = proc_status(velix.pid, "VmRSS") / 1024
                 samples.append((now, rss))
-                print("  %5.0f s  position %7.1f s  cache %5.1f s  RSS %6.1f MiB  stalls %d"
-                      % (now, p.get("position", 0), p.get("cacheTime", 0), rss, watch.stalls), flush=True)
+                print("  %5.0f s  position %7.1f s  cache %5.1f s  RSS %6.1f MiB (anonymous %6.1f, files %6.1f)"
+                      "  stalls %d" % (now, p.get("position", 0), p.get("cacheTime", 0), rss,
+                                       proc_status(velix.pid, "RssAnon") / 1024, proc_status(velix.pid, "RssFile") / 1024,
+                                       watch.stalls), flush=True)
                 next_sample += args.sample
             time.sleep(1.0)
         played_stalls, played_stalled = watch.stalls, watch.stalled_seconds

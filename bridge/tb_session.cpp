@@ -178,6 +178,32 @@ void tb_session::scan_files()
     }
 }
 
+void tb_session::start_next_check()
+{
+    // The library's queue starts a waiting check at most once a second. After a restart every
+    // torrent is checked again, one at a time, and with many small torrents that second, not
+    // the disk, set the pace. The queue's own choice is made here as soon as a check ends: the
+    // torrent stays in the queue's hands, which counts it as the one check running.
+    const std::vector<lt::torrent_status> checking = session->get_torrent_status(
+        [](const lt::torrent_status &st) {
+            return st.state == lt::torrent_status::checking_files
+                || st.state == lt::torrent_status::checking_resume_data;
+        },
+        {});
+    const lt::torrent_status *next = nullptr;
+    for (const lt::torrent_status &st : checking) {
+        if (!(st.flags & lt::torrent_flags::paused))
+            return;
+        // A torrent the user paused is not in the queue's hands and waits for the user.
+        if (!(st.flags & lt::torrent_flags::auto_managed) || st.state != lt::torrent_status::checking_files)
+            continue;
+        if (!next || st.queue_position < next->queue_position)
+            next = &st;
+    }
+    if (next)
+        next->handle.resume();
+}
+
 void tb_session::handle_alert(lt::alert *alert)
 {
     if (!alert) {
@@ -245,6 +271,9 @@ void tb_session::handle_alert(lt::alert *alert)
             event("metadata", id, a->torrent_name(), "");
             break;
         }
+        case lt::torrent_checked_alert::alert_type:
+            start_next_check();
+            break;
         case lt::torrent_finished_alert::alert_type: {
             auto *a = lt::alert_cast<lt::torrent_finished_alert>(alert);
             std::lock_guard<std::mutex> guard(mutex);

@@ -127,6 +127,8 @@ struct tb_session
                const std::string &message);
     void alert_loop();
     void scan_files();
+    // Starts the check the queue would start next, when none runs.
+    void start_next_check();
     void scan_banned_peers();
     void check_files(const std::string &id, TorrentRec &rec);
     // The same with a status already taken with the save path and the torrent file.
