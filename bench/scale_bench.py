@@ -558,6 +558,32 @@ def make_long_video(work, size_mib, mbit):
     return path, name
 
 
+def make_check_data(work, count, mib):
+    """count files of mib MiB of random bytes with their torrents, made once: [(torrent, save path)]."""
+    folder = os.path.join(work, "checks")
+    os.makedirs(folder, exist_ok=True)
+    made = []
+    rng = random.Random(5)
+    for i in range(count):
+        path = os.path.join(folder, "Check %d.bin" % i)
+        torrent = os.path.join(work, "check-%d-%d.torrent" % (i, mib))
+        if not os.path.exists(path) or os.path.getsize(path) != mib << 20:
+            with open(path, "wb") as f:
+                for _ in range(mib):
+                    f.write(rng.randbytes(1 << 20))
+            if os.path.exists(torrent):
+                os.remove(torrent)
+        if not os.path.exists(torrent):
+            storage = lt.file_storage()
+            lt.add_files(storage, path)
+            maker = lt.create_torrent(storage, 0)
+            lt.set_piece_hashes(maker, folder)
+            with open(torrent, "wb") as f:
+                f.write(lt.bencode(maker.generate()))
+        made.append((torrent, folder))
+    return made
+
+
 def media_seconds(path):
     out = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "csv=p=0", path],
                          check=True, capture_output=True, text=True).stdout
@@ -677,6 +703,29 @@ def run_stream(args):
             time.sleep(1.0)
         played_stalls, played_stalled = watch.stalls, watch.stalled_seconds
 
+        # Hash checks while the film plays: torrents whose data is on disk are added, and each
+        # is checked before it seeds.
+        check_paths = make_check_data(work, args.check_torrents, args.check_mib)
+        checks_began = time.monotonic()
+        check_ids = []
+        for torrent_file, data in check_paths:
+            status, body, _ = velix.get("/add?path=%s&save=%s" % (quote(torrent_file), quote(data)))
+            check_ids.append(json.loads(body).get("id"))
+        checks_done = float("nan")
+        while time.monotonic() - checks_began < args.limit:
+            watch.sample(1.0)
+            states = {t["id"]: t for t in torrents_of(velix.state())}
+            if all(i in states and states[i]["state"] != "checking" for i in check_ids):
+                checks_done = time.monotonic() - checks_began
+                break
+            time.sleep(1.0)
+        check_stalls = watch.stalls - played_stalls
+        print("  %d torrents (%d MiB) checked while playing in %.1f s; stalls %d"
+              % (len(check_paths), args.check_torrents * args.check_mib, checks_done, check_stalls), flush=True)
+        for i in check_ids:
+            velix.get("/remove?id=%s" % i)
+        before_seeks = watch.stalls
+
         seek_times, fractions = [], [0.15, 0.85, 0.35, 0.65, 0.5, 0.95]
         for fraction in fractions:
             target = seconds * fraction
@@ -697,7 +746,9 @@ def run_stream(args):
         figure("start until playing", first, "s")
         figure("stalls while playing (swarm at %.1f x the bitrate)" % args.rate_factor, played_stalls, "", 1)
         figure("seconds stalled while playing", played_stalled, "s")
-        figure("stalls after the seeks", watch.stalls - played_stalls, "")
+        figure("stalls while %d MiB were hash-checked" % (args.check_torrents * args.check_mib), check_stalls, "", 1)
+        figure("those checks took", checks_done, "s")
+        figure("stalls after the seeks", watch.stalls - before_seeks, "")
         figure("seek until playing, median of %d" % len(seek_times), median(seek_times), "s")
         after_minute = [r for t, r in samples if t >= 60]
         figure("RSS peak (VmHWM)", proc_status(velix.pid, "VmHWM") / 1024, "MiB", 250)
@@ -732,6 +783,8 @@ def main():
     parser.add_argument("--rate-factor", type=float, default=1.5, help="the seeder's upload over the bit rate")
     parser.add_argument("--play-seconds", type=float, default=600, help="real-time playing before the seeks")
     parser.add_argument("--after-seek", type=int, default=20, help="seconds played after each seek")
+    parser.add_argument("--check-torrents", type=int, default=4, help="torrents hash-checked while the film plays")
+    parser.add_argument("--check-mib", type=int, default=256, help="size of each of them")
     parser.add_argument("--sample", type=int, default=15, help="seconds between RSS samples of the stream")
     args = parser.parse_args()
     require_loopback_only()
