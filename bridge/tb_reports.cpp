@@ -90,6 +90,22 @@ std::pair<int, int> piece_span(const lt::torrent_info &info, int file)
             static_cast<int>(files.map_file(index, size - 1, 1).piece)};
 }
 
+// A torrent's handle and metadata; the metadata is null for an unknown id or a torrent that
+// has none yet, and every report then answers its empty form.
+struct WithMetadata
+{
+    lt::torrent_handle handle;
+    std::shared_ptr<const lt::torrent_info> info;
+};
+
+WithMetadata with_metadata(tb_session *s, const char *id)
+{
+    WithMetadata found{s->find(id), nullptr};
+    if (found.handle.is_valid())
+        found.info = found.handle.torrent_file();
+    return found;
+}
+
 } // namespace
 
 extern "C" {
@@ -207,10 +223,7 @@ char *tb_files_json(tb_session *s, const char *id)
     if (!s || !id)
         return dup("[]");
     try {
-        const lt::torrent_handle handle = s->find(id);
-        if (!handle.is_valid())
-            return dup("[]");
-        const std::shared_ptr<const lt::torrent_info> info = handle.torrent_file();
+        const auto [handle, info] = with_metadata(s, id);
         if (!info)
             return dup("[]");
         const std::vector<int64_t> progress = handle.file_progress();
@@ -429,10 +442,7 @@ char *tb_pieces(tb_session *s, const char *id, int file)
     if (!s || !id)
         return dup("");
     try {
-        const lt::torrent_handle handle = s->find(id);
-        if (!handle.is_valid())
-            return dup("");
-        const std::shared_ptr<const lt::torrent_info> info = handle.torrent_file();
+        const auto [handle, info] = with_metadata(s, id);
         if (!info)
             return dup("");
         const lt::torrent_status st = handle.status(lt::torrent_handle::query_pieces);
@@ -461,10 +471,7 @@ char *tb_piece_states(tb_session *s, const char *id)
     if (!s || !id)
         return dup("");
     try {
-        const lt::torrent_handle handle = s->find(id);
-        if (!handle.is_valid())
-            return dup("");
-        const std::shared_ptr<const lt::torrent_info> info = handle.torrent_file();
+        const auto [handle, info] = with_metadata(s, id);
         if (!info)
             return dup("");
         const lt::torrent_status st = handle.status(lt::torrent_handle::query_pieces);
