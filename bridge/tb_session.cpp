@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <sys/stat.h>
 
 namespace tb {
@@ -73,6 +74,22 @@ bool reader_log_enabled()
 {
     static const bool enabled = std::getenv("VELIX_READER_LOG") != nullptr;
     return enabled;
+}
+
+bool check_log_enabled()
+{
+    static const bool enabled = std::getenv("VELIX_CHECK_LOG") != nullptr;
+    return enabled;
+}
+
+void check_log(const char *what, const std::string &name)
+{
+    if (!check_log_enabled())
+        return;
+    timespec now {};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    std::fprintf(stderr, "check %s at_ms=%.3f name=%s\n", what,
+                 static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6, name.c_str());
 }
 
 } // namespace tb
@@ -272,6 +289,8 @@ void tb_session::handle_alert(lt::alert *alert)
             break;
         }
         case lt::torrent_checked_alert::alert_type:
+            if (check_log_enabled())
+                check_log("done", lt::alert_cast<lt::torrent_checked_alert>(alert)->torrent_name());
             start_next_check();
             break;
         case lt::torrent_finished_alert::alert_type: {

@@ -159,5 +159,9 @@ lt::settings_pack make_pack(const char *text);
 std::set<int> parse_presence(const std::vector<char> &bytes);
 std::string presence_text(const std::set<int> &present);
 bool reader_log_enabled();
+// VELIX_CHECK_LOG: when the restore begins and each hash check ends, on the monotonic clock,
+// so a benchmark can time the checks without the poll's delay.
+bool check_log_enabled();
+void check_log(const char *what, const std::string &name);
 
 } // namespace tb

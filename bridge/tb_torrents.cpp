@@ -286,6 +286,7 @@ lt::load_torrent_limits resume_limits()
 
 void tb_session::load_resume_files()
 {
+    check_log("restore", dir);
     DIR *folder = ::opendir((dir + "/resume").c_str());
     std::vector<std::string> names;
     if (folder) {
