@@ -473,7 +473,7 @@ def sha1_throughput(paths):
 
 def check_trace_since(path, offset):
     """The restore's start and the last check's end from the bridge's check trace, in seconds."""
-    restore_at, last_done = None, None
+    restore_at, last_done, restored_at = None, None, None
     with open(path, "rb") as f:
         f.seek(offset)
         for raw in f:
@@ -483,9 +483,11 @@ def check_trace_since(path, offset):
             at = float(line.split(" at_ms=")[1].split()[0]) / 1000
             if line.startswith("check restore "):
                 restore_at = at if restore_at is None else restore_at
+            elif line.startswith("check restored "):
+                restored_at = at if restored_at is None else restored_at
             elif line.startswith("check done "):
                 last_done = at if last_done is None else max(last_done, at)
-    return restore_at, last_done
+    return restore_at, last_done, restored_at
 
 
 def run_restart(args):
@@ -528,12 +530,14 @@ def run_restart(args):
             rates.append(checked / done / 2**20)
             # The state shows a finished check only at the next poll, up to a second late; the
             # bridge's own trace times the checks on the clock this script uses.
-            restore_at, last_done = check_trace_since(log_path, log_offset)
+            restore_at, last_done, restored_at = check_trace_since(log_path, log_offset)
             if restore_at is not None and last_done is not None:
                 hash_spans.append(last_done - restore_at)
                 hash_rates.append(checked / (last_done - restore_at) / 2**20)
-                print("        restore began %.2f s after the start; last check done %.2f s after it"
-                      % (restore_at - velix.started, last_done - restore_at))
+                print("        restore began %.2f s after the start and took %.2f s; last check done %.2f s after"
+                      " it began" % (restore_at - velix.started,
+                                     (restored_at - restore_at) if restored_at else float("nan"),
+                                     last_done - restore_at))
             print("run %d: /state after %.2f s, checks of %d torrents (%.1f MiB, %d seen checking) done after"
                   " %.2f s" % (run + 1, first, len(names_unpaused), checked / 2**20, len(seen_checking), done),
                   flush=True)

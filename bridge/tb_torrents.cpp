@@ -304,6 +304,7 @@ void tb_session::load_resume_files()
         restore_one(name);
     }
     restoring = false;
+    check_log("restored", dir);
 }
 
 void tb_session::restore_before_add(const std::string &id)
