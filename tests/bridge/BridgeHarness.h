@@ -1,8 +1,7 @@
 #pragma once
 
-// Helpers for driving a real bridge session from a test: ownership of the session and of the
-// strings it returns, the status of one torrent, and a reader that keeps the key order of the
-// hand-built JSON, which QJsonObject sorts away.
+// Helpers for driving a real bridge session from a test, and a reader that keeps the key order
+// of the hand-built JSON, which QJsonObject sorts away.
 
 #include "bridge/tb_bridge.h"
 
@@ -12,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <chrono>
 #include <sstream>
 #include <string>
@@ -66,9 +64,15 @@ inline QJsonDocument parse(const std::string &text)
     return doc;
 }
 
+// Parses a bridge string and releases it.
+inline QJsonDocument parse(char *text)
+{
+    return parse(take(text));
+}
+
 inline QJsonObject statusJson(tb_session *session)
 {
-    return parse(take(tb_status_json(session))).object();
+    return parse(tb_status_json(session)).object();
 }
 
 // The status object of one torrent; empty when the report doesn't list it.
@@ -87,61 +91,41 @@ inline std::string str(const QJsonObject &o, const char *key)
 }
 
 // The items of a JSON object or array in written order, as raw text: for an object each key
-// with its value, for an array an empty key with each element. Assumes well-formed text.
+// with its value, for an array an empty key with each element. Assumes the bridge's own
+// output: well-formed and without blanks between tokens.
 inline std::vector<std::pair<std::string, std::string>> rawItems(std::string_view text)
 {
     std::vector<std::pair<std::string, std::string>> items;
-    size_t pos = 0;
-    const auto skipSpace = [&] {
-        while (pos < text.size() && std::isspace(static_cast<unsigned char>(text[pos])))
-            ++pos;
-    };
-    // Moves pos past one value: a bare literal up to its separator, or a string, object or
-    // array with everything nested in it.
-    const auto skipValue = [&] {
-        if (pos >= text.size())
-            return;
-        if (text[pos] != '"' && text[pos] != '{' && text[pos] != '[') {
-            while (pos < text.size() && std::string_view(",}] \t\r\n").find(text[pos]) == std::string_view::npos)
-                ++pos;
-            return;
-        }
-        int depth = 0;
-        do {
-            const char c = text[pos];
-            if (c == '"') {
-                for (++pos; pos < text.size() && text[pos] != '"'; ++pos)
-                    pos += text[pos] == '\\' ? 1 : 0;
-            } else if (c == '{' || c == '[') {
-                ++depth;
-            } else if (c == '}' || c == ']') {
-                --depth;
-            }
-            ++pos;
-        } while (depth > 0 && pos < text.size());
-    };
-    skipSpace();
-    if (pos >= text.size() || (text[pos] != '{' && text[pos] != '['))
+    if (text.empty() || (text.front() != '{' && text.front() != '['))
         return items;
-    const bool object = text[pos++] == '{';
-    skipSpace();
-    while (pos < text.size() && text[pos] != '}' && text[pos] != ']') {
-        std::string key;
-        if (object) {
-            const size_t start = pos;
-            skipValue();
-            key = std::string(text.substr(start + 1, pos - start - 2));
-            skipSpace();
-            ++pos; // ':'
-            skipSpace();
+    const bool object = text.front() == '{';
+    int depth = 0;
+    bool inString = false;
+    size_t start = 1;
+    for (size_t pos = 0; pos < text.size() && depth >= 0; ++pos) {
+        const char c = text[pos];
+        if (inString) {
+            pos += c == '\\' ? 1 : 0;
+            inString = c != '"';
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '{' || c == '[') {
+            ++depth;
+        } else if ((c == ',' && depth == 1) || ((c == '}' || c == ']') && --depth == 0)) {
+            const std::string_view item = text.substr(start, pos - start);
+            start = pos + 1;
+            if (item.empty())
+                continue;
+            if (!object) {
+                items.emplace_back(std::string(), std::string(item));
+                continue;
+            }
+            // The key is a string, so the value starts behind its closing quote and the colon.
+            size_t end = 1;
+            while (item[end] != '"')
+                end += item[end] == '\\' ? 2 : 1;
+            items.emplace_back(std::string(item.substr(1, end - 1)), std::string(item.substr(end + 2)));
         }
-        const size_t start = pos;
-        skipValue();
-        items.emplace_back(std::move(key), std::string(text.substr(start, pos - start)));
-        skipSpace();
-        if (pos < text.size() && text[pos] == ',')
-            ++pos;
-        skipSpace();
     }
     return items;
 }

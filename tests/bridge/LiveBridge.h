@@ -1,7 +1,7 @@
 #pragma once
 
-// A real bridge session for the action, file-watch and tracker tests, read back through its JSON
-// reports the way the engine reads them. Loopback only, no DHT, LSD, UPnP or NAT-PMP.
+// A real bridge session for the action, file-watch, reader and tracker tests, read back through
+// its JSON reports the way the engine reads them. Loopback only, no DHT, LSD, UPnP or NAT-PMP.
 
 #include "BridgeHarness.h"
 
@@ -10,9 +10,7 @@
 #include "support/TestSupport.h"
 
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
-#include <QString>
 
 #include <gtest/gtest.h>
 
@@ -22,10 +20,7 @@
 
 namespace livebridge {
 
-inline QJsonDocument parse(char *text)
-{
-    return bridgetest::parse(bridgetest::take(text));
-}
+using bridgetest::parse;
 
 class LiveBridge
 {
@@ -44,12 +39,9 @@ public:
     {
         const std::string options = "save_path=" + savePath + "\npaused=" + (paused ? "1" : "0");
         char *error = nullptr;
-        char *id = tb_add_torrent(get(), torrentPath.c_str(), options.c_str(), &error);
-        const std::string text = id ? id : "";
-        EXPECT_EQ(error, nullptr) << (error ? error : "");
-        tb_free(error);
-        tb_free(id);
-        return text;
+        const std::string id = bridgetest::take(tb_add_torrent(get(), torrentPath.c_str(), options.c_str(), &error));
+        EXPECT_EQ(error, nullptr) << bridgetest::take(error);
+        return id;
     }
 
     QJsonObject sessionInfo() const { return bridgetest::statusJson(get())["session"].toObject(); }
@@ -75,6 +67,16 @@ public:
         for (const QJsonValue &file : files(id)) {
             if (file["path"].toString().toStdString() == path)
                 return file["i"].toInt();
+        }
+        return -1;
+    }
+
+    // The priority the files report gives a file; -1 if it has no such file.
+    int priority(const std::string &id, int index) const
+    {
+        for (const QJsonValue &file : files(id)) {
+            if (file["i"].toInt() == index)
+                return file["prio"].toInt(-1);
         }
         return -1;
     }

@@ -60,12 +60,6 @@ bool onlyDigits(const std::string &text, char highest)
     return std::all_of(text.begin(), text.end(), [&](char c) { return c >= '0' && c <= highest; });
 }
 
-std::string firstElement(const std::string &arrayText)
-{
-    const auto items = elements(arrayText);
-    return items.empty() ? std::string("{}") : items.front();
-}
-
 } // namespace
 
 TEST(ReportsTest, InspectDescribesATorrentFileOrSaysWhyNot)
@@ -110,7 +104,7 @@ TEST(ReportsTest, InspectDescribesATorrentFileOrSaysWhyNot)
     privateV1.v1Only = true;
     privateV1.isPrivate = true;
     const MadeTorrent solo = makeTorrent(tmp.file("Solo"), "one.bin", tmp.file("torrents"), privateV1);
-    const QJsonObject s = parse(take(tb_inspect_torrent(solo.torrentPath.c_str()))).object();
+    const QJsonObject s = parse(tb_inspect_torrent(solo.torrentPath.c_str())).object();
     EXPECT_EQ(str(s, "id"), solo.v1Hex);
     EXPECT_TRUE(s.value("private").toBool());
     EXPECT_TRUE(s.value("trackers").toArray().isEmpty());
@@ -143,21 +137,15 @@ TEST(ReportsTest, ReportsKeepTheirKeysAndTypesThroughADownload)
 
     const int port = freeTcpPort();
     const std::string down = tmp.file("down");
-    BridgeSession s(tmp.file("state"), quietSettingsText(port) + "\nhashing_threads=2\nconnections_limit=123\n");
+    // An unknown key is skipped and the known ones still apply.
+    BridgeSession s(tmp.file("state"),
+                    quietSettingsText(port) + "\nhashing_threads=2\nno_such_setting=5\nconnections_limit=123\n");
 
     // The first report comes before any session statistics or address alert.
     const std::string first = take(tb_status_json(s.get()));
     expectShape(first, "session:o torrents:a");
     expectShape(member(first, "session"), SessionShape);
     EXPECT_EQ(member(first, "torrents"), "[]");
-
-    ASSERT_TRUE(waitFor([&] {
-        for (const QJsonValue &l : statusJson(s.get()).value("session").toObject().value("listening").toArray()) {
-            if (l.toString() == QString("TCP 127.0.0.1:%1").arg(port))
-                return true;
-        }
-        return false;
-    }));
 
     // A link whose name and tracker carry bytes that aren't UTF-8; paused, so it stays quiet.
     const std::string badId(40, 'b');
@@ -172,7 +160,8 @@ TEST(ReportsTest, ReportsKeepTheirKeysAndTypesThroughADownload)
     // The seeder dialled in; once its bitfield has come it is an incoming seed.
     std::string peer;
     ASSERT_TRUE(waitFor([&] {
-        peer = firstElement(take(tb_peers_json(s.get(), id.c_str())));
+        const auto peers = elements(take(tb_peers_json(s.get(), id.c_str())));
+        peer = peers.empty() ? "{}" : peers.front();
         return str(parse(peer).object(), "flags").find('S') != std::string::npos;
     }, std::chrono::seconds(30))) << peer;
     {
@@ -251,7 +240,7 @@ TEST(ReportsTest, ReportsKeepTheirKeysAndTypesThroughADownload)
         << str(tr, "status");
 
     // The paused link never announced: an untouched entry, and its bad byte repaired.
-    const QJsonArray quiet = parse(take(tb_trackers_json(s.get(), badId.c_str()))).array();
+    const QJsonArray quiet = parse(tb_trackers_json(s.get(), badId.c_str())).array();
     ASSERT_EQ(quiet.size(), 1);
     const QJsonObject q = quiet[0].toObject();
     EXPECT_EQ(q.value("url").toString(), QString::fromUtf8("http://127.0.0.1:1/a\xEF\xBF\xBD"));

@@ -59,9 +59,7 @@ TEST(TrackerPolicySessionTest, PublicTorrentsGetMirrorsAndExtrasPrivateOnesKeepT
     const std::string pubId = bridge.add(pub.torrentPath, data, true);
     const std::string privId = bridge.add(priv.torrentPath, data, true);
     const std::string plainId = bridge.add(plain.torrentPath, data, true);
-    ASSERT_FALSE(pubId.empty());
-    ASSERT_FALSE(privId.empty());
-    ASSERT_FALSE(plainId.empty());
+    ASSERT_FALSE(pubId.empty() || privId.empty() || plainId.empty());
 
     const Trackers privOwn = {{family, 0}};
     const Trackers mirrors = {{announceOn("bt"), tb::MirrorTier}, {announceOn("bt2"), tb::MirrorTier},
@@ -82,10 +80,6 @@ TEST(TrackerPolicySessionTest, PublicTorrentsGetMirrorsAndExtrasPrivateOnesKeepT
     EXPECT_EQ(trackersOf(bridge, pubId), (Trackers{{family, 0}, {extra, tb::ExtraTier}}));
     EXPECT_EQ(trackersOf(bridge, plainId), (Trackers{{other, 0}, {extra, tb::ExtraTier}}));
     EXPECT_EQ(trackersOf(bridge, privId), privOwn);
-
-    tb_set_extra_trackers(s, "", false);
-    EXPECT_EQ(trackersOf(bridge, pubId), (Trackers{{family, 0}}));
-    EXPECT_EQ(trackersOf(bridge, plainId), (Trackers{{other, 0}}));
 }
 
 TEST(TrackerPolicySessionTest, MatchingPeerIsBannedUntilTheListIsEmptied)

@@ -29,49 +29,40 @@ void PrintTo(const TrackerEntry &entry, std::ostream *out)
 
 TEST(TrackerPolicyTest, MirrorUrlsKeepEverythingButTheHost)
 {
-    const std::string bt = mirrorHost("bt");
-    const std::string bt2 = mirrorHost("bt2");
-    const std::string bt3 = mirrorHost("bt3");
-    const std::string bt4 = mirrorHost("bt4");
-    const std::string bt5 = mirrorHost("bt5");
     struct Row
     {
         std::string url;
-        std::vector<std::string> mirrors;
+        std::string scheme; // of every mirror
+        std::string rest;   // what follows the host in every mirror
+        std::vector<const char *> hosts;
     };
     const std::vector<Row> rows = {
         // The host itself is never its own mirror: four siblings, in host order.
-        {"http://" + bt3 + "/ann?pk=0a1b",
-         {"http://" + bt + "/ann?pk=0a1b", "http://" + bt2 + "/ann?pk=0a1b",
-          "http://" + bt4 + "/ann?pk=0a1b", "http://" + bt5 + "/ann?pk=0a1b"}},
-        {"http://" + bt + "/ann",
-         {"http://" + bt2 + "/ann", "http://" + bt3 + "/ann", "http://" + bt4 + "/ann",
-          "http://" + bt5 + "/ann"}},
+        {"http://" + mirrorHost("bt3") + "/ann?pk=0a1b", "http://", "/ann?pk=0a1b", {"bt", "bt2", "bt4", "bt5"}},
+        {"http://" + mirrorHost("bt") + "/ann", "http://", "/ann", {"bt2", "bt3", "bt4", "bt5"}},
         // Port and scheme stay; a host that ends the URL works as well as one before a path.
-        {"udp://" + bt5 + ":2710",
-         {"udp://" + bt + ":2710", "udp://" + bt2 + ":2710", "udp://" + bt3 + ":2710",
-          "udp://" + bt4 + ":2710"}},
-        {"https://" + bt2,
-         {"https://" + bt, "https://" + bt3, "https://" + bt4, "https://" + bt5}},
+        {"udp://" + mirrorHost("bt5") + ":2710", "udp://", ":2710", {"bt", "bt2", "bt3", "bt4"}},
+        {"https://" + mirrorHost("bt2"), "https://", "", {"bt", "bt3", "bt4", "bt5"}},
         // A "bt…" host of the family that isn't one of the five gets all five.
-        {"http://" + mirrorHost("btx") + "/ann",
-         {"http://" + bt + "/ann", "http://" + bt2 + "/ann", "http://" + bt3 + "/ann",
-          "http://" + bt4 + "/ann", "http://" + bt5 + "/ann"}},
+        {"http://" + mirrorHost("btx") + "/ann", "http://", "/ann", {"bt", "bt2", "bt3", "bt4", "bt5"}},
         // Hosts of the family that aren't announce mirrors, and look-alikes of other families.
-        {"http://" + mirrorHost("retracker") + "/announce", {}},
-        {"http://" + mirrorHost("x") + "/ann", {}},
-        {"http://" + std::string(tb::MirrorDomain.substr(1)) + "/ann", {}},
-        {"http://" + bt + ".example.com/ann", {}},
-        {"http://bt.example.org/ann", {}},
+        {"http://" + mirrorHost("retracker") + "/announce", {}, {}, {}},
+        {"http://" + mirrorHost("x") + "/ann", {}, {}, {}},
+        {"http://" + std::string(tb::MirrorDomain.substr(1)) + "/ann", {}, {}, {}},
+        {"http://" + mirrorHost("bt") + ".example.com/ann", {}, {}, {}},
+        {"http://bt.example.org/ann", {}, {}, {}},
         // The domain must be the host's end, not just somewhere in the URL.
-        {"http://tracker.example.org/" + bt + "/ann", {}},
+        {"http://tracker.example.org/" + mirrorHost("bt") + "/ann", {}, {}, {}},
         // No scheme, no host to take apart.
-        {bt + "/ann", {}},
-        {"", {}},
+        {mirrorHost("bt") + "/ann", {}, {}, {}},
+        {"", {}, {}, {}},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.url);
-        EXPECT_EQ(tb::mirror_urls(row.url), row.mirrors);
+        std::vector<std::string> mirrors;
+        for (const char *host : row.hosts)
+            mirrors.push_back(row.scheme + mirrorHost(host) + row.rest);
+        EXPECT_EQ(tb::mirror_urls(row.url), mirrors);
     }
 }
 

@@ -26,62 +26,53 @@ void writeAll(const QString &path, const QByteArray &bytes)
 }
 
 // Sets an environment variable for the length of a scope and puts the old value back.
-class ScopedEnv
+struct ScopedEnv
 {
-public:
-    ScopedEnv(const char *name, const QByteArray &value)
-        : m_name(name), m_had(qEnvironmentVariableIsSet(name)), m_old(qgetenv(name))
+    ScopedEnv(const char *variable, const QByteArray &value)
+        : name(variable), had(qEnvironmentVariableIsSet(variable)), old(qgetenv(variable))
     {
         qputenv(name, value);
     }
-    ~ScopedEnv()
-    {
-        if (m_had)
-            qputenv(m_name, m_old);
-        else
-            qunsetenv(m_name);
-    }
-    ScopedEnv(const ScopedEnv &) = delete;
-    ScopedEnv &operator=(const ScopedEnv &) = delete;
+    ~ScopedEnv() { had ? void(qputenv(name, old)) : void(qunsetenv(name)); }
 
-private:
-    const char *m_name;
-    bool m_had;
-    QByteArray m_old;
+    const char *name;
+    bool had;
+    QByteArray old;
 };
 
 // Makes every write beyond `bytes` fail with EFBIG instead of raising SIGXFSZ, so a save can be
 // made to fail halfway through its file, the way a full disk would.
-class FileSizeLimit
+struct FileSizeLimit
 {
-public:
-    explicit FileSizeLimit(rlim_t bytes)
+    explicit FileSizeLimit(rlim_t bytes) : oldHandler(std::signal(SIGXFSZ, SIG_IGN))
     {
-        m_oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &m_old);
-        rlimit limit = m_old;
+        getrlimit(RLIMIT_FSIZE, &old);
+        rlimit limit = old;
         limit.rlim_cur = bytes;
         setrlimit(RLIMIT_FSIZE, &limit);
     }
     ~FileSizeLimit()
     {
-        setrlimit(RLIMIT_FSIZE, &m_old);
-        std::signal(SIGXFSZ, m_oldHandler);
+        setrlimit(RLIMIT_FSIZE, &old);
+        std::signal(SIGXFSZ, oldHandler);
     }
-    FileSizeLimit(const FileSizeLimit &) = delete;
-    FileSizeLimit &operator=(const FileSizeLimit &) = delete;
 
-private:
-    rlimit m_old{};
-    void (*m_oldHandler)(int) = nullptr;
+    void (*oldHandler)(int);
+    rlimit old{};
+};
+
+// Each test works in a scratch directory of its own.
+class StorageTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { ASSERT_TRUE(dir.isValid()); }
+    QTemporaryDir dir;
 };
 
 } // namespace
 
-TEST(StorageTest, SavedObjectLoadsBackIndentedWithSortedKeys)
+TEST_F(StorageTest, SavedObjectLoadsBackIndentedWithSortedKeys)
 {
-    QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
     const QString path = dir.filePath("settings.json");
 
     QJsonObject object;
@@ -98,10 +89,8 @@ TEST(StorageTest, SavedObjectLoadsBackIndentedWithSortedKeys)
     EXPECT_LT(text.indexOf("\"b\""), text.indexOf("\"y\""));
 }
 
-TEST(StorageTest, HomeComesFromVelixHomeOrTheDataDirectoryAndIsCreatedAtTheFirstSave)
+TEST_F(StorageTest, HomeComesFromVelixHomeOrTheDataDirectoryAndIsCreatedAtTheFirstSave)
 {
-    QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
     ScopedEnv data("XDG_DATA_HOME", dir.path().toUtf8());
     for (const QByteArray &value : {QByteArray(), QByteArray("")}) {
         ScopedEnv env("VELIX_HOME", value);
@@ -115,20 +104,16 @@ TEST(StorageTest, HomeComesFromVelixHomeOrTheDataDirectoryAndIsCreatedAtTheFirst
     EXPECT_EQ(Storage::load(home + "/settings.json"), QJsonObject({{"k", 1}}));
 }
 
-TEST(StorageTest, HomeIsFixedAtItsFirstUse)
+TEST_F(StorageTest, HomeIsFixedAtItsFirstUse)
 {
     const QString first = Storage::home();
-    QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
     ScopedEnv env("VELIX_HOME", dir.path().toUtf8());
     EXPECT_EQ(Storage::home(), first);
     EXPECT_EQ(Storage::path("torrents.json"), first + "/torrents.json");
 }
 
-TEST(StorageTest, AWriteThatFailsHalfwayLeavesTheOldFile)
+TEST_F(StorageTest, AWriteThatFailsHalfwayLeavesTheOldFile)
 {
-    QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
     const QString path = dir.filePath("torrents.json");
     Storage::save(QJsonObject{{"old", true}}, path);
     const QByteArray before = readAll(path);
@@ -150,10 +135,8 @@ TEST(StorageTest, AWriteThatFailsHalfwayLeavesTheOldFile)
     EXPECT_EQ(Storage::load(path), big) << "the next save goes through";
 }
 
-TEST(StorageTest, ValuesThatCannotBeWrittenLeaveTheOldFile)
+TEST_F(StorageTest, ValuesThatCannotBeWrittenLeaveTheOldFile)
 {
-    QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
     const QString path = dir.filePath("settings.json");
     writeAll(path, "{\"old\": 1}");
 
@@ -170,10 +153,8 @@ TEST(StorageTest, ValuesThatCannotBeWrittenLeaveTheOldFile)
     EXPECT_EQ(readAll(path).simplified(), "[ 1, 2 ]");
 }
 
-TEST(StorageTest, UnreadableFilesLoadAsNothing)
+TEST_F(StorageTest, UnreadableFilesLoadAsNothing)
 {
-    QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
     struct Case
     {
         const char *name;

@@ -15,49 +15,28 @@ constexpr int NoNumber = -1;
 
 TEST(MediaMatcherTest, EpisodeNumbersFromReleaseNames)
 {
-    struct Row {
-        const char *name;
-        int season;
-        int episode;
-    };
+    struct Row { const char *name; int season, episode; };
     const std::vector<Row> rows{
         // Season and episode, scene style: any run of separators, up to four digits.
         {"Breaking.Bad.S01E05.720p.BluRay.x264-DEMAND.mkv", 1, 5},
-        {"Westworld S03 E05 1080p.mkv", 3, 5},
         {"Stranger Things - s04e09 - Chapter Nine.mkv", 4, 9},
-        {"24.S08E24.mkv", 8, 24},
-        {"Lost.S01E01E02.Pilot.mkv", 1, 1},
-        {"Тед Лассо S03E12 [LostFilm].mkv", 3, 12},
         {"Show S02 - E1001.mkv", 2, 1001},
         // Season by episode; "105x2" is none, the digit before "05" blocks it.
         {"Friends - 1x05 - The One with the East German Laundry Detergent.avi", 1, 5},
-        {"Доктор Хаус 3x12 [Rus].avi", 3, 12},
         {"Show 105x2.mkv", 0, 2},
-        // A word for "episode", found before any noise is stripped.
-        {"СЕРИАЛ - СЕРИЯ 12.mkv", 0, 12},
-        {"Слово пацана. Кровь на асфальте. Серия 8 из 8.mkv", 0, 8},
-        {"Фиксики. Эпизод 12.mp4", 0, 12},
+        // A word for "episode" wins over a later bare number; a letter right before it makes it
+        // part of another word.
+        {"СЛОВО ПАЦАНА. СЕРИЯ 3 ИЗ 8.mkv", 0, 3},
         {"Смешарики. Серии 201-210.avi", 0, 201},
-        {"Episode 3 - Pilot.mkv", 0, 3},
-        {"Show.Name.EP03.720p.mkv", 0, 3},
-        {"e12.mkv", 0, 12},
-        {"One.Piece.E1071.1080p.mkv", 0, 1071},
-        {"Show.2019.E07.mkv", 0, 7},
-        // A letter right before the word makes it part of another word.
-        {"Movie12.mkv", 0, 12},
+        {"Show.Name.EP03.Part.2.mkv", 0, 3},
         {"Минисерия 2 (эпизод 3).avi", 0, 3},
         // A bare number: the last one left once years, resolutions and codecs are gone.
-        {"Кухня (1 сезон, 5 серия).avi", 0, 5},
-        {"Ликвидация.01.серия.avi", 0, 1},
-        {"[Erai-raws] Spy x Family - 05 [1080p][Multiple Subtitle].mkv", 0, 5},
         {"Show 2019 1080p x264 07.mkv", 0, 7},
         {"Show 2 - 05.mkv", 0, 5},
         {"Show - 03 [720p 10bit 5.1 24fps 2ch].mkv", 0, 3},
         // Films: every number is noise. Five digits in a row are no number, and the
         // extension is not part of the name.
-        {"Inception.2010.1080p.BluRay.x264.mkv", NoNumber, 0},
         {"Blade.Runner.2049.2017.2160p.UHD.BluRay.x265.10bit.HDR.DTS-HD.MA.7.1.mkv", NoNumber, 0},
-        {"Ирония судьбы, или С лёгким паром! (1975) DVDRip.avi", NoNumber, 0},
         {"Clip 12345.mkv", NoNumber, 0},
         {"Trailer.mp4", NoNumber, 0},
     };
@@ -73,10 +52,9 @@ TEST(MediaMatcherTest, EpisodeNumbersFromReleaseNames)
 TEST(MediaMatcherTest, EpisodeKeysPairOnlyTightMarkers)
 {
     const std::vector<std::pair<const char *, const char *>> rows{
-        {"Show.S01E05.mkv", "s1e5"},    {"05 - Show s01e05.ac3", "s1e5"},
-        {"show.s01.e05.srt", "s1e5"},   {"Show S10_E100.mka", "s10e100"},
-        {"Show.s1e2", "s1e2"},          {"Show.S01..E05.srt", nullptr},
-        {"Show 1x05.srt", nullptr},     {"Серия 5.srt", nullptr},
+        {"Show.S01E05.mkv", "s1e5"},    {"show.s01.e05.srt", "s1e5"},
+        {"Show S10_E100.mka", "s10e100"}, {"Show.S01..E05.srt", nullptr},
+        {"Show 1x05.srt", nullptr},
         // Three episode digits at most, so these two share a key.
         {"Show.S01E1000.srt", "s1e100"}, {"Show.S01E100.srt", "s1e100"},
     };
@@ -84,11 +62,7 @@ TEST(MediaMatcherTest, EpisodeKeysPairOnlyTightMarkers)
         EXPECT_EQ(MediaMatcher::episodeKey(QString::fromUtf8(name)), text(key)) << name;
 }
 
-struct Track {
-    int index = -1;
-    const char *title = "";
-    const char *language = nullptr;
-};
+struct Track { int index = -1; const char *title = ""; const char *language = nullptr; };
 
 void expectTracks(const QList<ExternalTrack> &actual, const std::vector<Track> &expected)
 {
@@ -127,10 +101,7 @@ TEST(MediaMatcherTest, TorrentLayoutsPlayInOrderWithTheirOutsideTracks)
         {"a repeated number falls back to names",
          torrentFiles({"S/Show.S01E02.mkv", "S/Show.S01E01.mkv", "S/Show.S01E01.Directors.Cut.mkv"}),
          {2, 1, 0}, 0, {}, {}},
-        {"one file without a number falls back to names",
-         torrentFiles({"S/Sherlock.Study.S01E01.mkv", "S/Sherlock.Banker.S01E02.mkv", "S/Bonus.mkv"}),
-         {2, 1, 0}, 0, {}, {}},
-        {"the fallback is per folder",
+        {"a file without a number falls back to names, in its folder only",
          torrentFiles({"S/A/Bonus.mkv", "S/A/Winter 01.mkv", "S/A/Autumn 02.mkv", "S/B/Winter 01.mkv",
                        "S/B/Spring 02.mkv"}),
          {2, 0, 1, 3, 4}, 0, {}, {}},
@@ -148,16 +119,6 @@ TEST(MediaMatcherTest, TorrentLayoutsPlayInOrderWithTheirOutsideTracks)
          {0, 1}, 0,
          {{7, "05 - Show s01e05 · AC3"}, {3, "Rus.Dub · MKA", "rus"}, {2, "Show.S01E05 · MKA", "rus"}},
          {{4, "Eng · SRT", "eng"}, {5, "forced · SRT"}}},
-        {"series with studio dubs and a subtitle folder",
-         torrentFiles({"Sev/Severance.S01E02.1080p.mkv", "Sev/Severance.S01E01.1080p.mkv",
-                       "Sev/Severance.S01E10.1080p.mkv", "Sev/Rus Sound/LostFilm/Severance.S01E01.1080p.mka",
-                       "Sev/Rus Sound/HDRezka/Severance.S01E01.1080p.mka",
-                       "Sev/Rus Sound/LostFilm/Severance.S01E02.1080p.mka",
-                       "Sev/Subs/Severance.S01E01.1080p.Rus.Forced.srt", "Sev/Subs/Severance.S01E01.1080p.Eng.srt",
-                       "Sev/Sample/severance.s01e01.sample.mkv", ".pad/1024"}),
-         {1, 0, 2}, 1,
-         {{4, "HDRezka · MKA", "rus"}, {3, "LostFilm · MKA", "rus"}},
-         {{7, "Eng · SRT", "eng"}, {6, "Rus.Forced · SRT", "rus"}}},
         // "Серия 10" begins with "Серия 1", but not with "Серия 1" and a separator.
         {"Russian episode words with a Субтитры folder",
          torrentFiles({"Интерны/Интерны. Серия 10.avi", "Интерны/Интерны. Серия 1.avi",
@@ -165,44 +126,13 @@ TEST(MediaMatcherTest, TorrentLayoutsPlayInOrderWithTheirOutsideTracks)
                        "Интерны/Субтитры/Интерны. Серия 10.srt", "Интерны/Субтитры/Интерны. Серия 1 (Англ).srt",
                        "Интерны/Обложка.jpg"}),
          {1, 2, 0}, 1, {}, {{5, "Англ · SRT", "eng"}, {3, "Интерны. Серия 1 · SRT"}}},
-        {"dubs named differently, paired by their s..e.. key",
-         torrentFiles({"RM/Rick.and.Morty.S07E02.1080p.WEB-DL.mkv", "RM/Rick.and.Morty.S07E01.1080p.WEB-DL.mkv",
-                       "RM/Озвучка/Сыендук/Rick and Morty s07e01 [Сыендук].ac3",
-                       "RM/Озвучка/2x2/Rick and Morty s07e01.ac3", "RM/Озвучка/2x2/Rick and Morty s07e02.ac3",
-                       "RM/Subs/Rick.and.Morty.S07E01.1080p.WEB-DL.rus.ass",
-                       "RM/Subs/Rick.and.Morty.S07E01.1080p.WEB-DL.eng.SDH.srt", "RM/Commentary.mka"}),
-         {1, 0}, 1, {{3, "2x2 · AC3"}, {2, "Сыендук · AC3"}},
-         {{6, "eng.SDH · SRT", "eng"}, {5, "rus · ASS", "rus"}}},
         {"a film: every outside track is its own, a sample changes nothing",
          torrentFiles({"Dune/Dune.Part.Two.2024.2160p.WEB-DL.mkv",
                        "Dune/Rus Sound/Dune.Part.Two.2024.2160p.WEB-DL.Dub.Red.Head.Sound.mka",
                        "Dune/Rus Sound/Dune.Part.Two.2024.2160p.WEB-DL.MVO.Jaskier.mka", "Dune/Subs/English.srt",
-                       "Dune/Subs/Russian.Forced.srt", "Dune/Subs/Ukr.srt", "Dune/Sample/Dune.Part.Two.Sample.mkv",
-                       "Dune/Dune.Part.Two.2024.2160p.WEB-DL.nfo", ".pad/2048"}),
+                       "Dune/Subs/Russian.Forced.srt", "Dune/Sample/Dune.Part.Two.Sample.mkv"}),
          {0}, 0, {{1, "Dub.Red.Head.Sound · MKA", "rus"}, {2, "MVO.Jaskier · MKA", "rus"}},
-         {{3, "English · SRT", "eng"}, {4, "Russian.Forced · SRT", "rus"}, {5, "Ukr · SRT", "ukr"}}},
-        {"complete series, one folder per season",
-         torrentFiles({"Friends/Season 10/Friends.S10E01.The.One.After.Joey.mkv",
-                       "Friends/Season 2/Friends.S02E01.mkv", "Friends/Season 1/Friends.S01E02.mkv",
-                       "Friends/Season 1/Friends.S01E01.mkv", "Friends/Season 1/Subs/Friends.S01E01.srt",
-                       "Friends/Season 1/Rus Sound/Friends.S01E01.Paramount.ac3"}),
-         {3, 2, 1, 0}, 3, {{5, "Season 1 · Paramount · AC3", "rus"}}, {{4, "Season 1 · SRT"}}},
-        {"anime with bare numbers, studio dubs and fonts",
-         torrentFiles({"SxF/[Erai-raws] Spy x Family - 12 [1080p].mkv",
-                       "SxF/[Erai-raws] Spy x Family - 01 [1080p].mkv",
-                       "SxF/[Erai-raws] Spy x Family - 02 [1080p].mkv",
-                       "SxF/Rus Sound/[AniLibria]/[Erai-raws] Spy x Family - 01 [1080p].mka",
-                       "SxF/Rus Sound/[Studio Band]/[Erai-raws] Spy x Family - 01 [1080p].mka",
-                       "SxF/Rus Subs/[Erai-raws] Spy x Family - 01 [1080p].ass", "SxF/Fonts/Arial.ttf"}),
-         {1, 2, 0}, 1, {{3, "[AniLibria] · MKA", "rus"}, {4, "[Studio Band] · MKA", "rus"}},
-         {{5, "[Erai-raws] Spy x Family - 01 [1080p] · ASS", "rus"}}},
-        // The hex tags' digits read as numbers too ("…2C1B]" as 1, "E1F" as episode 1); two
-        // files share a number, so the folder goes by name, which is the right order.
-        {"anime with CRC tags",
-         torrentFiles({"Frieren/[SubsPlease] Frieren - 03 (1080p) [C8E1F06D].mkv",
-                       "Frieren/[SubsPlease] Frieren - 01 (1080p) [9A4F2C1B].mkv",
-                       "Frieren/[SubsPlease] Frieren - 02 (1080p) [3B7D0A5C].mkv"}),
-         {1, 2, 0}, 1, {}, {}},
+         {{3, "English · SRT", "eng"}, {4, "Russian.Forced · SRT", "rus"}}},
     };
     for (const Layout &layout : layouts) {
         SCOPED_TRACE(layout.what);
@@ -234,19 +164,13 @@ TEST(MediaMatcherTest, NextAndPreviousRunAcrossFoldersWithoutWrapping)
 
 TEST(MediaMatcherTest, TrackTitles)
 {
-    struct Row {
-        const char *path;
-        const char *videoStem;
-        const char *title;
-    };
+    struct Row { const char *path, *videoStem, *title; };
     const std::vector<Row> rows{
         {"S/Rus Sound/Studio/Show.S01E05.Rus.Dub.mka", "show.s01e05", "Studio · Rus.Dub · MKA"},
         {"S/RUS SOUND/Show.S01E05.mka", "show.s01e05", "Show.S01E05 · MKA"},
-        {"S/Озвучка/Show.S01E05.ac3", "show.s01e05", "Show.S01E05 · AC3"},
         // Only the nearest folder that says something; never the torrent's own top folder.
         {"S/Season 1/Studio/Subs/x.srt", "show", "Studio · SRT"},
         {"Studio/x.srt", "show", "x · SRT"},
-        {"x.srt", "x", "x · SRT"},
         // What the name adds, trimmed; the comparison ignores case, the part keeps it.
         {"S/Show.S01E05.[Eng].srt", "show.s01e05", "Eng · SRT"},
         {"S/SHOW.S01E05 (Forced).srt", "show.s01e05", "Forced · SRT"},
@@ -268,15 +192,12 @@ TEST(MediaMatcherTest, LanguagesFromPathWords)
     const std::vector<std::pair<const char *, const char *>> rows{
         {"S/Rus Sound/a.mka", "rus"},        {"S/Subs/S01E05.ENG.srt", "eng"},
         {"S/Subs/english_sdh.srt", "eng"},   {"S/Ukr/a.mka", "ukr"},
-        {"S/uk.srt", "ukr"},                 {"S/русские субтитры/a.srt", "rus"},
-        {"S/a(рус).srt", "rus"},             {"S/[JAP]/a.mka", "jpn"},
-        {"S/a.zh-Hans.ass", "chi"},          {"S/a.de.srt", "ger"},
-        {"S/a.Korean.srt", "kor"},
+        {"S/русские субтитры/a.srt", "rus"}, {"S/a(рус).srt", "rus"},
+        {"S/[JAP]/a.mka", "jpn"},            {"S/a.zh-Hans.ass", "chi"},
         // The table's order decides, not the order in the path.
         {"Show.Eng/Rus/a.srt", "rus"},       {"S/UA-RU/a.mka", "rus"},
         // Whole words only.
         {"S/русская озвучка/a.mka", nullptr}, {"S/RusSound/a.mka", nullptr},
-        {"S/Trust.srt", nullptr},            {"S/a.pt-BR.srt", nullptr},
     };
     for (const auto &[path, language] : rows) {
         TorrentFile file;

@@ -10,25 +10,14 @@ using mediatest::text;
 
 TEST(MediaPresentationTest, TitleAndFactsFromReleaseNames)
 {
-    struct Row {
-        const char *name;
-        const char *title;
-        const char *year;
-        const char *quality;
-        const char *episode;
-        MediaKind kind;
-    };
+    struct Row { const char *name, *title, *year, *quality, *episode; MediaKind kind; };
     constexpr MediaKind Video = MediaKind::video;
     constexpr MediaKind Other = MediaKind::other;
     const std::vector<Row> rows{
         // The title stops at the first marker, trimmed of blanks, dashes and brackets.
         {"Some.Show.S02E05.1080p.WEB-DL.mkv", "Some Show", nullptr, "1080p", "Сезон 2 · Серия 5", Video},
-        {"Breaking.Bad.S05E16.Felina.1080p.BluRay.x264-ROVERS.mkv", "Breaking Bad", nullptr, "1080p",
-         "Сезон 5 · Серия 16", Video},
         {"Film (2019) [BDRip].mkv", "Film", "2019", nullptr, nullptr, Video},
-        {"Интерстеллар (2014) BDRip 1080p.mkv", "Интерстеллар", "2014", "1080p", nullptr, Video},
         {"Кино_2020_720p.avi", "Кино", "2020", "720p", nullptr, Video},
-        {"Doctor.Who.2005.S13E01.1080p.mkv", "Doctor Who", "2005", "1080p", "Сезон 13 · Серия 1", Video},
         {"Тед Лассо S03E12 [LostFilm].mkv", "Тед Лассо", nullptr, nullptr, "Сезон 3 · Серия 12", Video},
         {"Show.s03e007.720P.mkv", "Show", nullptr, "720p", "Сезон 3 · Серия 7", Video},
         {"Movie.4k.mkv", "Movie", nullptr, "4K", nullptr, Video},
@@ -44,26 +33,15 @@ TEST(MediaPresentationTest, TitleAndFactsFromReleaseNames)
         // No known extension: the name keeps its last word, and markers make it a video.
         {"Dune.Part.Two.2024.2160p.WEB-DL.DDP5.1.Atmos.DV.HDR.H.265-FLUX", "Dune Part Two", "2024",
          "4K", nullptr, Video},
-        {"Мастер и Маргарита.2024.WEB-DL.2160p", "Мастер и Маргарита", "2024", "4K", nullptr, Video},
         {"The.Office.US.S01-S09.Complete.1080p", "The Office US", nullptr, "1080p", "Сезон 1", Video},
-        {"Игра престолов / Game of Thrones / Сезон: 8 / Серии: 1-6 из 6 [2019, WEB-DL 1080p]",
-         "Игра престолов / Game of Thrones / Сезон: 8 / Серии: 1-6 из 6", "2019", "1080p", nullptr,
-         Video},
-        {"Шерлок Холмс и доктор Ватсон (1979-1986) DVDRip", "Шерлок Холмс и доктор Ватсон", "1979",
-         nullptr, nullptr, Video},
         // Group tags are not markers: the title keeps them up to the first marker.
         {"[SubsPlease] Frieren - 01 (1080p) [9A4F2C1B].mkv", "SubsPlease] Frieren - 01", nullptr,
          "1080p", nullptr, Video},
         // A year alone makes no video; what is not a video keeps its name as it stands.
         {"Some.Album.2019", "Some.Album.2019", "2019", nullptr, nullptr, Other},
-        {"Pink Floyd - The Dark Side of the Moon (1973) [FLAC 24-96]",
-         "Pink Floyd - The Dark Side of the Moon (1973) [FLAC 24-96]", "1973", nullptr, nullptr, Other},
-        {"Ubuntu 22.04 LTS", "Ubuntu 22.04 LTS", nullptr, nullptr, nullptr, Other},
         {"Tolkien - The Lord of the Rings (1954).epub", "Tolkien - The Lord of the Rings (1954).epub",
          "1954", nullptr, nullptr, Other},
         {"Track.01.2019.flac", "Track.01.2019", "2019", nullptr, nullptr, MediaKind::audio},
-        {"Show.S01E05.Rus.mka", "Show.S01E05.Rus", nullptr, nullptr, "Сезон 1 · Серия 5",
-         MediaKind::audio},
         {"", "", nullptr, nullptr, nullptr, Other},
     };
     for (const Row &row : rows) {
@@ -81,7 +59,6 @@ TEST(MediaPresentationTest, SubtitleListsYearEpisodeQuality)
 {
     const std::vector<std::pair<const char *, const char *>> rows{
         {"Show.2019.S01E02.720p.mkv", "2019 · Сезон 1 · Серия 2 · 720p"},
-        {"Show.S01E02.720p.mkv", "Сезон 1 · Серия 2 · 720p"},
         {"Film.2019.mkv", "2019"},
         {"Film.mkv", ""},
     };

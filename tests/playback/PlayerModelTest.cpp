@@ -42,7 +42,6 @@ MPVEvent seconds(const char *name, double value)
 {
     return MPVEvent::property(QString::fromUtf8(name), MPVValue::ofDouble(value));
 }
-
 MPVEvent flag(const char *name, bool value)
 {
     return MPVEvent::property(QString::fromUtf8(name), MPVValue::ofFlag(value));

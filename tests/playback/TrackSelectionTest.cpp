@@ -189,13 +189,7 @@ TEST(TrackSelectionTest, SubtitlesFallBackInOrder)
 
 TEST(TrackSelectionTest, LabelsAndDetailsDescribeTracksInRussian)
 {
-    struct Case
-    {
-        MediaTrack track;
-        int number;
-        QString label;
-        std::optional<QString> detail;
-    };
+    struct Case { MediaTrack track; int number; QString label; std::optional<QString> detail; };
     const auto shaped = [](MediaTrack t, const char *codec, int channels) {
         t.codec = text(codec);
         t.channels = channels;
@@ -253,13 +247,7 @@ TEST(TrackSelectionTest, RememberedChoicesDescribeTracksNotIds)
 {
     const QList<MediaTrack> tracks{audio(1, "eng", "s", "Original"), fromFile(audio(2, "rus"), Studio.file.i),
                                    sub(1, "eng")};
-    struct Case
-    {
-        const char *what;
-        TrackOption::Source source;
-        MediaTrack::Kind kind;
-        TrackChoice expected;
-    };
+    struct Case { const char *what; TrackOption::Source source; MediaTrack::Kind kind; TrackChoice expected; };
     const std::vector<Case> cases{
         {"a loaded file keeps the file's title", TrackOption::Track{2}, MediaTrack::Kind::Audio,
          choice("rus", nullptr, "Studio · MKA")},

@@ -4,6 +4,8 @@
 
 #include <array>
 #include <climits>
+#include <tuple>
+#include <vector>
 
 using namespace automationtest;
 
@@ -37,56 +39,49 @@ QByteArray integers(int count)
 TEST(AutomationCatalogTest, ValidatorNamesWhereTheFaultIsAndNeverWhy)
 {
     const QByteArray files = R"({"type":"object","properties":{"files":{"type":"array","items":{"type":"integer"}}}})";
-    struct Row
-    {
-        QByteArray schema;
-        QByteArray value;
-        const char *expected;
-    };
-    const std::array rows{
+    const std::vector<std::tuple<QByteArray, QByteArray, const char *>> rows{
         // Objects: unknown keys fail whatever additionalProperties says; required keys must be there.
-        Row{R"({"type":"object","properties":{"a":{"type":"string"}}})", "{}", "ok"},
-        Row{R"({"type":"object","properties":{},"additionalProperties":true})", R"({"b":"x"})", "Invalid arguments"},
-        Row{R"({"type":"object","properties":{"a":{"type":"string"}},"required":["a"]})", "{}", "Invalid arguments"},
-        Row{R"({"type":"object","properties":{"a":{"type":"object","properties":{"b":{"type":"integer"}}}}})",
+        {R"({"type":"object","properties":{"a":{"type":"string"}}})", "{}", "ok"},
+        {R"({"type":"object","properties":{},"additionalProperties":true})", R"({"b":"x"})", "Invalid arguments"},
+        {R"({"type":"object","properties":{"a":{"type":"string"}},"required":["a"]})", "{}", "Invalid arguments"},
+        {R"({"type":"object","properties":{"a":{"type":"object","properties":{"b":{"type":"integer"}}}}})",
             R"({"a":{"b":"1"}})", "Invalid arguments.a.b"},
-        Row{files, R"({"files":[1,"2"]})", "Invalid arguments.files[]"},
-        Row{R"({"type":"object"})", "{}", "Invalid arguments"},
+        {files, R"({"files":[1,"2"]})", "Invalid arguments.files[]"},
+        {R"({"type":"object"})", "{}", "Invalid arguments"},
         // Numbers: JSON numbers only, finite, whole for integers, within the bounds.
-        Row{R"({"type":"integer"})", "true", "Invalid arguments"},
-        Row{R"({"type":"integer"})", "1.5", "Invalid arguments"},
-        Row{R"({"type":"integer"})", "2.0", "ok"},
-        Row{R"({"type":"integer"})", "1e19", "Invalid arguments"},
-        Row{R"({"type":"integer","minimum":0,"maximum":2097151})", "2097151", "ok"},
-        Row{R"({"type":"integer","minimum":0,"maximum":2097151})", "2097152", "Invalid arguments"},
-        Row{R"({"type":"integer","minimum":0,"maximum":2097151})", "-1", "Invalid arguments"},
-        Row{R"({"type":"number","maximum":"4"})", "1", "Invalid arguments"},
-        Row{R"({"type":"integer","enum":[1,2]})", "2.0", "ok"},
-        Row{R"({"type":"boolean"})", "1", "Invalid arguments"},
+        {R"({"type":"integer"})", "true", "Invalid arguments"},
+        {R"({"type":"integer"})", "1.5", "Invalid arguments"},
+        {R"({"type":"integer"})", "2.0", "ok"},
+        {R"({"type":"integer"})", "1e19", "Invalid arguments"},
+        {R"({"type":"integer","minimum":0,"maximum":2097151})", "2097151", "ok"},
+        {R"({"type":"integer","minimum":0,"maximum":2097151})", "2097152", "Invalid arguments"},
+        {R"({"type":"integer","minimum":0,"maximum":2097151})", "-1", "Invalid arguments"},
+        {R"({"type":"number","maximum":"4"})", "1", "Invalid arguments"},
+        {R"({"type":"integer","enum":[1,2]})", "2.0", "ok"},
+        {R"({"type":"boolean"})", "1", "Invalid arguments"},
         // Texts: 8192 characters unless told, and never a control character.
-        Row{R"({"type":"string"})", text(8192), "ok"},
-        Row{R"({"type":"string"})", text(8193), "Invalid arguments"},
-        Row{R"({"type":"string","maxLength":9000})", text(8193), "ok"},
-        Row{R"({"type":"string","maxLength":1})", "\"\xF0\x9D\x84\x9E\"", "ok"},
-        Row{R"({"type":"string","maxLength":100})", R"("a\nb")", "Invalid arguments"},
-        Row{R"({"type":"string"})", R"("\u007f")", "Invalid arguments"},
-        Row{R"({"type":"string"})", R"("next\u0085line")", "Invalid arguments"},
-        Row{R"({"type":"string","enum":["auto","always"]})", "\"never\"", "Invalid arguments"},
+        {R"({"type":"string"})", text(8192), "ok"},
+        {R"({"type":"string"})", text(8193), "Invalid arguments"},
+        {R"({"type":"string","maxLength":9000})", text(8193), "ok"},
+        {R"({"type":"string","maxLength":1})", "\"\xF0\x9D\x84\x9E\"", "ok"},
+        {R"({"type":"string","maxLength":100})", R"("a\nb")", "Invalid arguments"},
+        {R"({"type":"string"})", R"("\u007f")", "Invalid arguments"},
+        {R"({"type":"string"})", R"("next\u0085line")", "Invalid arguments"},
+        {R"({"type":"string","enum":["auto","always"]})", "\"never\"", "Invalid arguments"},
         // Arrays: 10000 items unless told, each checked, unique when asked.
-        Row{R"({"type":"array","items":{"type":"integer"}})", integers(10000), "ok"},
-        Row{R"({"type":"array","items":{"type":"integer"}})", integers(10001), "Invalid arguments"},
-        Row{R"({"type":"array","items":{"type":"integer"},"uniqueItems":true})", "[1,2,1]", "Invalid arguments"},
-        Row{R"({"type":"array","items":{"type":"string","enum":["a"]},"enum":["b"]})", R"(["a"])", "ok"},
-        Row{R"({"type":"array"})", "[]", "Invalid arguments"},
+        {R"({"type":"array","items":{"type":"integer"}})", integers(10000), "ok"},
+        {R"({"type":"array","items":{"type":"integer"}})", integers(10001), "Invalid arguments"},
+        {R"({"type":"array","items":{"type":"integer"},"uniqueItems":true})", "[1,2,1]", "Invalid arguments"},
+        {R"({"type":"array","items":{"type":"string","enum":["a"]},"enum":["b"]})", R"(["a"])", "ok"},
+        {R"({"type":"array"})", "[]", "Invalid arguments"},
         // A schema this validator doesn't know fails every value.
-        Row{R"({"type":"null"})", "null", "Invalid arguments"},
-        Row{R"({"type":["integer"]})", "1", "Invalid arguments"},
+        {R"({"type":"null"})", "null", "Invalid arguments"},
+        {R"({"type":["integer"]})", "1", "Invalid arguments"},
     };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.schema.toStdString() + " <- " + row.value.left(60).toStdString());
-        const QJsonValue value = object("{\"v\":" + row.value + "}").value(QLatin1String("v"));
-        EXPECT_EQ(message(AutomationCatalog::validate(value, object(row.schema), QStringLiteral("arguments"))),
-                  row.expected);
+    for (const auto &[schema, json, expected] : rows) {
+        SCOPED_TRACE(schema.toStdString() + " <- " + json.left(60).toStdString());
+        const QJsonValue value = object("{\"v\":" + json + "}").value(QLatin1String("v"));
+        EXPECT_EQ(message(AutomationCatalog::validate(value, object(schema), QStringLiteral("arguments"))), expected);
     }
 }
 

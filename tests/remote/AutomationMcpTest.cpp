@@ -123,8 +123,6 @@ TEST(AutomationMcpTest, OfficialClientDrivesVelixThroughTheBridge)
         QJsonObject{{"name", "add_torrent"},
                     {"arguments", QJsonObject{{"source", QString::fromStdString(clip.torrentPath)},
                                               {"save_path", QString::fromStdString(dir.file("content"))}}}},
-        QJsonObject{{"name", "set_torrent_limits"}, {"arguments", QJsonObject{{"id", id}, {"connections", 25}}}},
-        QJsonObject{{"name", "get_torrent_details"}, {"arguments", QJsonObject{{"id", id}}}},
         QJsonObject{{"name", "update_settings"}, {"arguments", QJsonObject{{"listen_port", 1}}}},
         QJsonObject{{"name", "launch"}},
         QJsonObject{{"name", "remove_torrent"}, {"arguments", QJsonObject{{"id", id}}}},
@@ -142,11 +140,9 @@ TEST(AutomationMcpTest, OfficialClientDrivesVelixThroughTheBridge)
     auto structured = [&results](int i) { return results[i][QLatin1String("structured")].toObject(); };
     EXPECT_EQ(structured(0).value(QLatin1String("subtitle_mode")), QJsonValue("auto"));
     EXPECT_EQ(structured(1), (QJsonObject{{"id", id}, {"duplicate", false}}));
-    EXPECT_EQ(structured(2), (QJsonObject{{"accepted", true}}));
-    EXPECT_EQ(field(structured(3), "torrent", "connectionsLimit").toInt(), 25);
-    EXPECT_TRUE(results[4][QLatin1String("isError")].toBool());
-    EXPECT_EQ(results[4][QLatin1String("text")], QJsonValue("Invalid arguments"));
-    EXPECT_TRUE(results[5][QLatin1String("protocolError")].toString().contains(QLatin1String("Unknown tool: launch")));
-    EXPECT_EQ(structured(6), (QJsonObject{{"accepted", true}}));
+    EXPECT_TRUE(results[2][QLatin1String("isError")].toBool());
+    EXPECT_EQ(results[2][QLatin1String("text")], QJsonValue("Invalid arguments"));
+    EXPECT_TRUE(results[3][QLatin1String("protocolError")].toString().contains(QLatin1String("Unknown tool: launch")));
+    EXPECT_EQ(structured(4), (QJsonObject{{"accepted", true}}));
     EXPECT_TRUE(engine->torrents().isEmpty());
 }

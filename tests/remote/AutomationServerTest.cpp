@@ -88,9 +88,6 @@ TEST_F(AutomationServerTest, OneServerPublishesAPrivateEndpointForOneRun)
     EXPECT_EQ(published.value(QLatin1String("version")).toInt(), 1);
     const QString first = token();
     EXPECT_TRUE(QRegularExpression(QStringLiteral("^[0-9a-f]{64}$")).match(first).hasMatch()) << first.toStdString();
-    EXPECT_EQ(exchange(server->port(), echo(first)), R"({"ok":true,"result":{"arguments":{"x":1},"name":"echo"}})" "\n");
-    EXPECT_EQ(exchange(server->port(), line({{"token", first}, {"name", "big"}, {"arguments", QJsonObject()}})),
-              ResponseTooLarge);
 
     // A second server on the same directory stays silent and leaves the first one's endpoint.
     testing::internal::CaptureStderr();
@@ -154,16 +151,14 @@ TEST_F(AutomationServerTest, BadRequestsGetFixedAnswers)
     const QString good = token();
     QString wrong = good;
     wrong[63] = wrong[63] == QLatin1Char('0') ? QLatin1Char('1') : QLatin1Char('0');
-    const std::array<std::pair<QByteArray, QByteArray>, 11> rows{{
+    const std::array<std::pair<QByteArray, QByteArray>, 9> rows{{
+        {line({{"token", good}, {"name", "big"}, {"arguments", QJsonObject()}}), ResponseTooLarge},
         {echo(wrong), Unauthorized},
-        {echo(good.chopped(1)), Unauthorized},
-        {echo(QString()), Unauthorized},
         {line({{"token", 7}, {"name", "echo"}, {"arguments", QJsonObject()}}), Unauthorized},
         {"hello\n", Unauthorized},
         {"[\"" + good.toLatin1() + "\"]\n", Unauthorized},
         {line({{"token", good}, {"arguments", QJsonObject()}}), InvalidCommand},
         {line({{"token", good}, {"name", "echo"}, {"arguments", QJsonArray()}}), InvalidCommand},
-        {line({{"token", good}, {"name", "echo"}}), InvalidCommand},
         {QByteArray(AutomationServer::MaxRequestBytes + 1, 'x'), R"({"error":"Request too large","ok":false})" "\n"},
         // Only the first line of a connection is served.
         {echo(good) + line({{"token", good}, {"name", "big"}, {"arguments", QJsonObject()}}),
@@ -190,10 +185,9 @@ TEST_F(AutomationServerTest, BadRequestsGetFixedAnswers)
 
 TEST_F(AutomationServerTest, SeventeenthConnectionIsClosedAtOnce)
 {
-    auto server = std::make_unique<AutomationServer>(directory(), standInTool);
+    auto server = startServer();
     // Long enough that only the connection limit can close anything here.
     server->setIdleLimit(std::chrono::hours(1));
-    server->start();
     std::vector<std::unique_ptr<LineClient>> held;
     for (int i = 0; i < AutomationServer::MaxConnections; ++i) {
         held.push_back(std::make_unique<LineClient>(server->port()));

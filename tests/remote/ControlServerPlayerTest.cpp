@@ -13,13 +13,9 @@ class ControlServerPlayerTest : public ControlServerFixture
 protected:
     void SetUp() override
     {
-        testsupport::MediaOptions options;
-        options.seconds = 8;
-        options.width = 160;
-        options.height = 90;
-        options.audioTracks = 2;
-        options.subtitles = true;
-        ASSERT_TRUE(testsupport::makeVideo(content.file("Clip/Clip.mkv"), options)) << "ffmpeg could not make the clip";
+        ASSERT_TRUE(testsupport::makeVideo(content.file("Clip/Clip.mkv"),
+                                           {.seconds = 8, .width = 160, .height = 90, .audioTracks = 2, .subtitles = true}))
+            << "ffmpeg could not make the clip";
         made = testsupport::makeTorrent(content.path(), "Clip", content.path());
         ASSERT_TRUE(seeder.seed(made));
         startServer(true);
