@@ -29,6 +29,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 
 namespace {
@@ -43,6 +44,18 @@ QByteArray take(char *text)
     QByteArray bytes(text);
     tb_free(text);
     return bytes;
+}
+
+// The report of a big library runs to megabytes each second; it is decoded where it lies.
+std::optional<StatusSnapshot> takeStatus(tb_session *session)
+{
+    char *const text = tb_status_json(session);
+    if (!text)
+        return std::nullopt;
+    const QByteArray status = QByteArray::fromRawData(text, qsizetype(std::strlen(text)));
+    std::optional<StatusSnapshot> snapshot = status.isEmpty() ? std::nullopt : StatusSnapshot::decode(status);
+    tb_free(text);
+    return snapshot;
 }
 
 QString takeText(char *text)
@@ -379,8 +392,7 @@ void TorrentEngine::poll()
     tb_session *session = m_session;
     QPointer<TorrentEngine> self(this);
     m_queue->post([session, self] {
-        const QByteArray status = take(tb_status_json(session));
-        std::optional<StatusSnapshot> snapshot = status.isEmpty() ? std::nullopt : StatusSnapshot::decode(status);
+        std::optional<StatusSnapshot> snapshot = takeStatus(session);
         const QList<TorrentEvent> events = TorrentEvent::decodeList(take(tb_poll_events(session)));
         postToMain(self.data(), [self, snapshot = std::move(snapshot), events] {
             if (self)
@@ -445,8 +457,7 @@ QCoro::Task<void> TorrentEngine::refreshForAutomation()
     tb_session *session = m_session;
     QPointer<TorrentEngine> self(this);
     const auto snapshot = co_await m_queue->run<std::optional<StatusSnapshot>>([session] {
-        const QByteArray status = take(tb_status_json(session));
-        return status.isEmpty() ? std::nullopt : StatusSnapshot::decode(status);
+        return takeStatus(session);
     });
     if (self)
         self->apply(snapshot, {});
