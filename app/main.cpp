@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 #include "app/BundledRuntime.h"
 #include "app/SingleInstance.h"
+#include "core/Heartbeat.h"
 #include "engine/Storage.h"
 #include "engine/TorrentEngine.h"
 
@@ -76,6 +77,10 @@ int main(int argc, char **argv)
     const QList<QUrl> urls = urlsFromArguments(app.arguments().mid(1));
     if (instance.forwardToRunning(urls))
         return 0;
+
+    // For the benchmarks that watch the main thread's stalls.
+    if (Heartbeat::requested())
+        new Heartbeat(&app);
 
     AppDelegate delegate;
     QObject::connect(&instance, &SingleInstance::openRequested, &delegate, &AppDelegate::openUrls);

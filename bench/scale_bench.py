@@ -10,11 +10,15 @@
   stream   a long film played by the built-in player in real time from a seeder on 127.0.0.1
            throttled to 1.5 x its bit rate, then seeks across it: stalls, time to play,
            resident memory over time and the piece cache's size after every trim.
+  stall    the library above started again with a 1 ms heartbeat timer on the main thread: its
+           stalls (p99 and max) at rest, while 100 torrents are added at once, while a tracker
+           list change applies to the whole library, and while a film streams to the built-in
+           player; then the time to quit.
 
 Every figure is printed with its target. Run it inside a loopback-only network namespace (the
 script refuses otherwise) with the Python that has the libtorrent module (/usr/bin/python3).
 
-usage: scale_bench.py library|restart|stream --velix PATH [--work DIR] [options]
+usage: scale_bench.py library|restart|stream|stall --velix PATH [--work DIR] [options]
 """
 
 import argparse
@@ -806,9 +810,172 @@ def run_stream(args):
         del seeder
 
 
+
+# Main-thread stalls -------------------------------------------------------------------------------
+
+def heartbeats_between(path, offset, start, end):
+    """Per-second heartbeat lines of the log, after offset, within [start, end] on the monotonic
+    clock: (p99 list, max list, ticks)."""
+    p99s, maxes, ticks = [], [], 0
+    with open(path, "rb") as f:
+        f.seek(offset)
+        for line in f.read().decode("utf-8", "replace").splitlines():
+            if not line.startswith("heartbeat "):
+                continue
+            words = dict(w.split("=", 1) for w in line.split()[1:] if "=" in w)
+            at = float(words["at_ms"]) / 1000
+            # A line sums up the second before it.
+            if at < start or at - 1.0 > end:
+                continue
+            p99s.append(float(words["p99_ms"]))
+            maxes.append(float(words["max_ms"]))
+            ticks += int(words["ticks"])
+    return p99s, maxes, ticks
+
+
+def stall_figures(velix, what, offset, start, end):
+    p99s, maxes, ticks = heartbeats_between(velix.log_path, offset, start, end)
+    if not p99s:
+        print("  (no heartbeat lines for %s)" % what)
+        return
+    # The p99 of the whole stretch is at least the largest p99 of its seconds' over 1 % of the
+    # ticks; the largest second's p99 is the figure that matters and the one shown.
+    figure("%s: main-thread stall p99 (worst second)" % what, max(p99s), "ms", 16)
+    figure("%s: main-thread stall max" % what, max(maxes), "ms")
+    figure("%s: heartbeat ticks a second" % what, ticks / max(1.0, end - start), "")
+
+
+def make_small_torrents(work, count, kib):
+    folder = os.path.join(work, "new")
+    files = os.path.join(work, "new-torrents")
+    shutil.rmtree(folder, ignore_errors=True)
+    shutil.rmtree(files, ignore_errors=True)
+    os.makedirs(folder)
+    os.makedirs(files)
+    rng = random.Random(99)
+    out = []
+    for i in range(count):
+        name = "New %03d.bin" % i
+        with open(os.path.join(folder, name), "wb") as f:
+            f.write(rng.randbytes(kib * 1024))
+        storage = lt.file_storage()
+        lt.add_files(storage, os.path.join(folder, name))
+        maker = lt.create_torrent(storage, 16 * 1024)
+        lt.set_piece_hashes(maker, folder)
+        path = os.path.join(files, "%03d.torrent" % i)
+        with open(path, "wb") as f:
+            f.write(lt.bencode(maker.generate()))
+        out.append(path)
+    return folder, out
+
+
+def run_stall(args):
+    import threading
+    home = os.path.join(args.work, "home")
+    if not os.path.isdir(os.path.join(home, "state", "resume")):
+        sys.exit("run the library benchmark first: it leaves the library this one starts")
+    work = os.path.join(args.work, "stall")
+    os.makedirs(work, exist_ok=True)
+    new_folder, new_torrents = make_small_torrents(work, args.add_count, 64)
+    film_path, _ = make_long_video(work, args.stall_film_mib, args.video_mbit)
+    film_torrent = os.path.join(work, "film-%d.torrent" % os.path.getsize(film_path))
+    if not os.path.exists(film_torrent):
+        storage = lt.file_storage()
+        lt.add_files(storage, film_path)
+        maker = lt.create_torrent(storage, 1 << 20)
+        lt.set_piece_hashes(maker, os.path.dirname(film_path))
+        with open(film_torrent, "wb") as f:
+            f.write(lt.bencode(maker.generate()))
+    bitrate = os.path.getsize(film_path) / media_seconds(film_path)
+    seeder_port = free_port()
+    seeder = seeder_session(seeder_port, int(bitrate * args.rate_factor) // 1024)
+    params = lt.add_torrent_params()
+    params.ti = lt.torrent_info(film_torrent)
+    params.save_path = os.path.dirname(film_path)
+    params.flags = lt.torrent_flags.seed_mode
+    film_handle = seeder.add_torrent(params)
+
+    # A copy of the library's home: what is added here must not reach the restart benchmark.
+    library_home = home
+    home = os.path.join(work, "home")
+    shutil.rmtree(home, ignore_errors=True)
+    shutil.copytree(library_home, home)
+    with open(os.path.join(home, "settings.json")) as f:
+        velix_port = json.load(f)["listenPort"]
+    downloads = os.path.join(work, "downloads")
+    shutil.rmtree(downloads, ignore_errors=True)
+    os.makedirs(downloads)
+    log_path = os.path.join(work, "stall.log")
+    velix = Velix(args.velix, home, free_port(), log_path)
+    velix.extra_env = {"VELIX_HEARTBEAT_LOG": "1"}
+    offset = os.path.getsize(log_path) if os.path.exists(log_path) else 0
+    velix.start()
+    try:
+        print("velix pid %d; /state first answered after %.2f s" % (velix.pid, velix.wait_for_state()))
+        count = settle(velix, "the library", lambda t: len(t) >= args.count, args.limit)
+        quiet = settle(velix, "the checks", lambda t: not any(x["state"] == "checking" for x in t), args.limit)
+        print("library of %d back, checks done after %.1f s" % (len(torrents_of(velix.state())), count + quiet))
+        time.sleep(args.settle)
+
+        began = time.monotonic()
+        time.sleep(10)
+        stall_figures(velix, "at rest", offset, began, time.monotonic())
+
+        # 100 adds at once, each from its own connection, as a script or a drop of many files.
+        answers = []
+
+        def add(path):
+            status, body, seconds = velix.get("/add?path=%s&save=%s&paused=1" % (quote(path), quote(new_folder)))
+            answers.append((status, seconds))
+
+        threads = [threading.Thread(target=add, args=(p,)) for p in new_torrents]
+        began = time.monotonic()
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+        answered = time.monotonic()
+        time.sleep(3)
+        figure("%d adds at once: all answered" % len(threads), (answered - began) * 1000, "ms")
+        stall_figures(velix, "%d adds at once" % len(threads), offset, began, time.monotonic())
+
+        # Extra trackers for every public torrent of the library, then none again.
+        trackers = "\n".join("udp://tracker%d.invalid:6969/announce" % k for k in range(3))
+        for what, text in (("tracker list change", trackers), ("tracker list cleared", "")):
+            began = time.monotonic()
+            status, _, seconds = velix.get("/settings?trackers=%s" % quote(text))
+            time.sleep(args.tracker_window)
+            figure("%s: /settings answered" % what, seconds * 1000, "ms")
+            stall_figures(velix, "%s on %d torrents" % (what, args.count + len(new_torrents)), offset, began,
+                          time.monotonic())
+
+        # A film streams to the built-in player from a throttled seeder.
+        status, body, _ = velix.get("/add?path=%s&save=%s" % (quote(film_torrent), quote(downloads)))
+        film_id = json.loads(body)["id"]
+        film_handle.connect_peer(("127.0.0.1", velix_port))
+        velix.get("/play?id=%s&file=0" % film_id, timeout=120)
+        watch = PlayerWatch(velix)
+        playing = watch.playing_past(1.0, args.limit)
+        print("film plays after %.1f s" % playing)
+        began = time.monotonic()
+        while time.monotonic() - began < args.stall_play:
+            film_handle.connect_peer(("127.0.0.1", velix_port))
+            watch.sample(1.0)
+            time.sleep(1.0)
+        stall_figures(velix, "film streaming", offset, began, time.monotonic())
+        figure("film streaming: stalls of the player", watch.stalls, "")
+        velix.get("/stop")
+
+        figure("quit with %d torrents" % (args.count + len(new_torrents) + 1), velix.quit(), "s", 10)
+    finally:
+        if velix.process.poll() is None:
+            velix.quit()
+        del seeder
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("benchmark", choices=["library", "restart", "stream"])
+    parser.add_argument("benchmark", choices=["library", "restart", "stream", "stall"])
     parser.add_argument("--velix", required=True, help="the velix executable")
     parser.add_argument("--work", default="/tmp/velix-scale-bench", help="where the data and the home live")
     parser.add_argument("--count", type=int, default=2000)
@@ -831,11 +998,15 @@ def main():
     parser.add_argument("--check-torrents", type=int, default=4, help="torrents hash-checked while the film plays")
     parser.add_argument("--check-mib", type=int, default=256, help="size of each of them")
     parser.add_argument("--sample", type=int, default=15, help="seconds between RSS samples of the stream")
+    parser.add_argument("--add-count", type=int, default=100, help="torrents added at once in the stall run")
+    parser.add_argument("--tracker-window", type=float, default=15, help="seconds watched after a tracker change")
+    parser.add_argument("--stall-film-mib", type=int, default=256, help="size of the film streamed in the stall run")
+    parser.add_argument("--stall-play", type=float, default=60, help="seconds of the film watched in the stall run")
     args = parser.parse_args()
     require_loopback_only()
     os.makedirs(args.work, exist_ok=True)
     os.nice(5)
-    {"library": run_library, "restart": run_restart, "stream": run_stream}[args.benchmark](args)
+    {"library": run_library, "restart": run_restart, "stream": run_stream, "stall": run_stall}[args.benchmark](args)
 
 
 if __name__ == "__main__":

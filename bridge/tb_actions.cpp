@@ -170,7 +170,10 @@ void tb_session::check_files(const std::string &id, TorrentRec &rec, const lt::t
 
 void tb_session::save_presence(const std::string &id, const TorrentRec &rec)
 {
-    write_file(presence_path(id), presence_text(rec.present));
+    const std::string text = presence_text(rec.present);
+    post_work([this, id, bytes = std::vector<char>(text.begin(), text.end())] {
+        write_torrent_file(id, presence_path(id), bytes);
+    });
 }
 
 void tb_session::forget_pieces(const std::string &id)
@@ -285,16 +288,20 @@ bool tb_set_file_priorities(tb_session *s, const char *id, const int32_t *files,
         return false;
     try {
         const lt::torrent_handle h = s->find(id);
-        if (!h.is_valid() || !h.torrent_file())
+        if (!h.is_valid())
             return false;
+        const std::shared_ptr<const lt::torrent_info> info = h.torrent_file();
+        if (!info)
+            return false;
+        const int32_t num_files = info->num_files();
         const lt::download_priority_t value(static_cast<std::uint8_t>(std::clamp(priority, 0, 7)));
-        std::vector<lt::download_priority_t> priorities = h.get_file_priorities();
+        // One file at a time, never the whole list read, changed and written back: a stream
+        // opening meanwhile makes its own file wanted, and a whole list would undo that.
         for (int32_t k = 0; files && k < count; ++k) {
             const int32_t index = files[k];
-            if (index >= 0 && static_cast<size_t>(index) < priorities.size())
-                priorities[static_cast<size_t>(index)] = value;
+            if (index >= 0 && index < num_files)
+                h.file_priority(lt::file_index_t(index), value);
         }
-        h.prioritize_files(priorities);
         h.save_resume_data(lt::torrent_handle::save_info_dict);
         return true;
     } catch (const std::exception &e) {

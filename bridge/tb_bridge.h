@@ -9,8 +9,11 @@
 // are NUL-terminated UTF-8. A torrent is named by its id: the 40 lower-case hex digits of its
 // best info hash, taken once when it is added.
 //
-// Threads: the engine's serial queue makes status and report calls, the main thread makes
-// command calls, libmpv's stream thread makes reader calls; the bridge guards itself.
+// Threads: the engine's serial queue makes the status, report and command calls, libmpv's
+// stream thread makes reader calls; the bridge guards itself. Its own alert thread copies out
+// of alerts, and its worker thread does the disk work (resume, presence and state files, the
+// watch over the files on disk). Between the start and the
+// ordered shutdown, the main thread calls only tb_stream_waiting.
 
 #include <stdbool.h>
 #include <stdint.h>
@@ -109,7 +112,11 @@ void tb_reader_close(tb_reader *reader);
 // Puts deadlines on a stretch of a file no reader has open (outside audio tracks).
 void tb_prefetch(tb_session *session, const char *id, int file, int64_t bytes, double fraction);
 // Share of the piece a stream on this file is blocked on, 0..1; -1 when no read is blocked.
+// Asks the library for its download queue, so it waits on the session's network thread.
 double tb_stream_progress(tb_session *session, const char *id, int file);
+// Whether a read of a stream on this file is blocked on a piece. Only reads what the readers
+// publish, under a lock held for nothing else than their list: safe on the main thread.
+bool tb_stream_waiting(tb_session *session, const char *id, int file);
 
 #ifdef __cplusplus
 }

@@ -584,6 +584,18 @@ void tb_prefetch(tb_session *s, const char *id, int file, int64_t bytes, double 
     }
 }
 
+bool tb_stream_waiting(tb_session *s, const char *id, int file)
+{
+    if (!s || !id)
+        return false;
+    std::lock_guard<std::mutex> guard(s->readers_lock);
+    for (tb_reader *r : s->readers) {
+        if (r->id == id && r->file_index == file && r->waiting_piece.load() >= 0)
+            return true;
+    }
+    return false;
+}
+
 double tb_stream_progress(tb_session *s, const char *id, int file)
 {
     if (!s || !id)

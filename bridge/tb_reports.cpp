@@ -138,6 +138,7 @@ char *tb_status_json(tb_session *s)
             std::lock_guard<std::mutex> guard(s->mutex);
             Obj root(out);
             {
+                std::lock_guard<std::mutex> report(s->report_lock);
                 Obj session(root.key("session"));
                 session.i("download", download);
                 session.i("upload", upload);
@@ -160,7 +161,7 @@ char *tb_status_json(tb_session *s)
                 const lt::torrent_status &st = statuses[k];
                 // A torrent still on its way in has no record yet; the engine learns its id
                 // from the add call and sees it in the next report.
-                const std::string id = s->id_for_locked(st.handle);
+                const std::string id = s->id_for(st.handle);
                 const auto it = s->torrents.find(id);
                 if (id.empty() || it == s->torrents.end())
                     continue;
@@ -396,7 +397,7 @@ char *tb_diagnostics_json(tb_session *s)
         std::vector<int64_t> metrics;
         int64_t age_ms = -1;
         {
-            std::lock_guard<std::mutex> guard(s->mutex);
+            std::lock_guard<std::mutex> guard(s->report_lock);
             metrics = s->metrics;
             if (s->has_stats)
                 age_ms = std::chrono::duration_cast<std::chrono::milliseconds>(

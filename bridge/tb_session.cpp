@@ -106,14 +106,93 @@ lt::torrent_handle tb_session::find(const std::string &id)
 
 std::string tb_session::id_for(const lt::torrent_handle &handle)
 {
-    std::lock_guard<std::mutex> guard(mutex);
-    return id_for_locked(handle);
-}
-
-std::string tb_session::id_for_locked(const lt::torrent_handle &handle) const
-{
+    std::lock_guard<std::mutex> guard(ids_lock);
     const auto it = handle_ids.find(handle);
     return it == handle_ids.end() ? std::string() : it->second;
+}
+
+void tb_session::set_id(const lt::torrent_handle &handle, const std::string &id)
+{
+    std::lock_guard<std::mutex> guard(ids_lock);
+    handle_ids[handle] = id;
+}
+
+void tb_session::forget_id(const lt::torrent_handle &handle)
+{
+    std::lock_guard<std::mutex> guard(ids_lock);
+    handle_ids.erase(handle);
+}
+
+void tb_session::post_work(std::function<void()> fn)
+{
+    {
+        std::lock_guard<std::mutex> guard(worker_lock);
+        if (!worker_stop) {
+            worker_jobs.push_back(std::move(fn));
+            worker_wake.notify_one();
+            return;
+        }
+    }
+    // The worker has ended: only the session's own shutdown gets here, on its one thread.
+    fn();
+}
+
+void tb_session::drain_work()
+{
+    std::unique_lock<std::mutex> guard(worker_lock);
+    worker_idle.wait(guard, [this] { return worker_jobs.empty() && !worker_busy; });
+}
+
+void tb_session::worker_loop()
+{
+    for (;;) {
+        std::function<void()> job;
+        {
+            std::unique_lock<std::mutex> guard(worker_lock);
+            worker_wake.wait(guard, [this] { return worker_stop || !worker_jobs.empty(); });
+            if (worker_jobs.empty())
+                return;
+            job = std::move(worker_jobs.front());
+            worker_jobs.pop_front();
+            worker_busy = true;
+        }
+        try {
+            job();
+        } catch (const std::exception &e) {
+            std::fprintf(stderr, "bridge worker job failed: %s\n", e.what());
+        }
+        std::lock_guard<std::mutex> guard(worker_lock);
+        worker_busy = false;
+        if (worker_jobs.empty())
+            worker_idle.notify_all();
+    }
+}
+
+void tb_session::write_torrent_file(const std::string &id, const std::string &path, const std::vector<char> &bytes)
+{
+    std::lock_guard<std::mutex> files(files_lock);
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (id.empty() || torrents.count(id) == 0)
+            return;
+    }
+    write_file(path, bytes);
+}
+
+int32_t tb_session::save_changed(lt::resume_data_flags_t flags)
+{
+    // One trip for the whole library instead of one need_save_resume_data call per torrent:
+    // with thousands of torrents the trips, not the saves, were the cost.
+    const std::vector<lt::torrent_status> changed = session->get_torrent_status(
+        [](const lt::torrent_status &st) { return st.need_save_resume; }, {});
+    int32_t asked = 0;
+    for (const lt::torrent_status &st : changed) {
+        if (!st.handle.is_valid())
+            continue;
+        st.handle.save_resume_data(flags);
+        ++asked;
+    }
+    return asked;
 }
 
 std::string tb_session::resume_path(const std::string &id) const
@@ -129,6 +208,7 @@ std::string tb_session::presence_path(const std::string &id) const
 void tb_session::event(const std::string &type, const std::string &id, const std::string &name,
                        const std::string &message)
 {
+    std::lock_guard<std::mutex> guard(report_lock);
     events.push_back(Event{type, id, name, message});
     // A slow engine loses the oldest half and keeps the newest events.
     if (events.size() >= 201)
@@ -152,48 +232,69 @@ void tb_session::alert_loop()
         for (lt::alert *alert : alerts)
             handle_alert(alert);
         const SteadyTime now = std::chrono::steady_clock::now();
-        bool fileScan = false;
-        bool banScan = false;
-        {
-            std::lock_guard<std::mutex> guard(mutex);
-            if (now - last_file_scan > std::chrono::seconds(1)) {
-                last_file_scan = now;
-                fileScan = true;
-            }
-            if (now - last_ban_scan > std::chrono::seconds(15)) {
-                last_ban_scan = now;
-                banScan = true;
+        // A scan still queued behind slow disk work is not queued twice.
+        if (now - last_file_scan > std::chrono::seconds(1)) {
+            last_file_scan = now;
+            if (!file_scan_queued.exchange(true)) {
+                post_work([this] {
+                    file_scan_queued = false;
+                    scan_files();
+                });
             }
         }
-        try {
-            if (fileScan)
-                scan_files();
-            if (banScan)
-                scan_banned_peers();
-        } catch (const std::exception &e) {
-            std::fprintf(stderr, "bridge scan failed: %s\n", e.what());
+        if (now - last_ban_scan > std::chrono::seconds(15)) {
+            last_ban_scan = now;
+            if (!ban_scan_queued.exchange(true)) {
+                post_work([this] {
+                    ban_scan_queued = false;
+                    scan_banned_peers();
+                });
+            }
         }
     }
 }
 
 void tb_session::scan_files()
 {
-    std::lock_guard<std::mutex> guard(mutex);
-    if (torrents.empty())
+    std::vector<std::pair<std::string, lt::torrent_handle>> records;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        records.reserve(torrents.size());
+        for (const auto &[id, rec] : torrents)
+            records.emplace_back(id, rec.handle);
+    }
+    if (records.empty())
         return;
     // One trip to the network thread for every torrent's status, instead of one per torrent:
     // with thousands of torrents the per-torrent trips were the whole cost of a quiet second.
+    // The records stay free meanwhile, and each is locked only for its own look.
     std::vector<lt::torrent_status> all = session->get_torrent_status(
         [](const lt::torrent_status &) { return true; },
         lt::torrent_handle::query_save_path | lt::torrent_handle::query_torrent_file);
     std::map<lt::torrent_handle, const lt::torrent_status *> by_handle;
     for (const lt::torrent_status &st : all)
         by_handle.emplace(st.handle, &st);
-    for (auto &[id, rec] : torrents) {
-        const auto found = by_handle.find(rec.handle);
-        if (found != by_handle.end())
-            check_files(id, rec, *found->second);
+    for (const auto &[id, handle] : records) {
+        const auto found = by_handle.find(handle);
+        if (found == by_handle.end())
+            continue;
+        std::lock_guard<std::mutex> guard(mutex);
+        const auto it = torrents.find(id);
+        // Removed, or removed and added again, while the statuses were on their way.
+        if (it != torrents.end() && it->second.handle == handle)
+            check_files(id, it->second, *found->second);
     }
+}
+
+void tb_session::queue_check_start()
+{
+    // Many torrents enter the queue together after a restart; one look serves them all.
+    if (check_start_queued.exchange(true))
+        return;
+    post_work([this] {
+        check_start_queued = false;
+        start_next_check();
+    });
 }
 
 void tb_session::start_next_check()
@@ -222,12 +323,38 @@ void tb_session::start_next_check()
         next->handle.resume();
 }
 
+void tb_session::file_error(const lt::torrent_handle &handle, lt::error_code error, lt::operation_t op,
+                            const std::string &file, const std::string &name)
+{
+    const std::string id = id_for(handle);
+    std::lock_guard<std::mutex> guard(mutex);
+    const auto it = torrents.find(id);
+    if (it != torrents.end()) {
+        check_files(id, it->second);
+        // The user already has the text about the missing file; the raw error says less.
+        if (!it->second.missing.empty())
+            return;
+    }
+    const bool readOp = op == lt::operation_t::file_read || op == lt::operation_t::partfile_read;
+    const bool gone = error == boost::system::errc::no_such_file_or_directory
+        || error == boost::system::errc::not_a_directory;
+    if (readOp && !gone && it != torrents.end() && it->second.rechecks < 3) {
+        // Data that didn't read back gets three chances per run, so one bad disk cannot loop
+        // for ever.
+        ++it->second.rechecks;
+        handle.clear_error();
+        handle.force_recheck();
+        handle.resume();
+        event("recheck", id, name, "");
+    } else {
+        event("error", id, name, error.message() + ": " + file);
+    }
+}
+
 void tb_session::handle_alert(lt::alert *alert)
 {
-    if (!alert) {
-        std::lock_guard<std::mutex> guard(mutex);
+    if (!alert)
         return;
-    }
     try {
         switch (alert->type()) {
         case lt::piece_finished_alert::alert_type:
@@ -257,17 +384,19 @@ void tb_session::handle_alert(lt::alert *alert)
         }
         case lt::save_resume_data_alert::alert_type: {
             auto *a = lt::alert_cast<lt::save_resume_data_alert>(alert);
-            const std::vector<char> bytes = lt::write_resume_data_buf(a->params);
-            {
-                // Checked and written under one lock: tb_remove erases the record and deletes
-                // the file under it too, so a removed torrent never gets its file back from a
-                // write that was already on its way.
-                std::lock_guard<std::mutex> guard(mutex);
-                const std::string id = id_for_locked(a->handle);
-                if (!id.empty() && torrents.count(id) != 0)
-                    write_file(resume_path(id), bytes);
-            }
-            [[fallthrough]];
+            const std::string id = id_for(a->handle);
+            // The write with its fsync goes to the worker; the save counts as done once the
+            // file is on disk, so a shutdown that waits for its saves waits for the files.
+            post_work([this, id, bytes = lt::write_resume_data_buf(a->params)] {
+                write_torrent_file(id, resume_path(id), bytes);
+                {
+                    std::lock_guard<std::mutex> guard(save_mutex);
+                    if (pending_saves > 0)
+                        --pending_saves;
+                }
+                save_done.notify_all();
+            });
+            break;
         }
         case lt::save_resume_data_failed_alert::alert_type: {
             {
@@ -280,24 +409,32 @@ void tb_session::handle_alert(lt::alert *alert)
         }
         case lt::metadata_received_alert::alert_type: {
             auto *a = lt::alert_cast<lt::metadata_received_alert>(alert);
-            std::lock_guard<std::mutex> guard(mutex);
-            const std::string id = id_for_locked(a->handle);
-            const auto it = torrents.find(id);
-            if (it != torrents.end())
-                apply_trackers(it->second);
-            a->handle.save_resume_data(lt::torrent_handle::save_info_dict);
-            event("metadata", id, a->torrent_name(), "");
+            // The tracker policy asks the library for the torrent's trackers: worker's work.
+            post_work([this, handle = a->handle, id = id_for(a->handle), name = a->torrent_name()] {
+                {
+                    std::lock_guard<std::mutex> guard(mutex);
+                    const auto it = torrents.find(id);
+                    if (it != torrents.end())
+                        apply_trackers(it->second);
+                }
+                handle.save_resume_data(lt::torrent_handle::save_info_dict);
+                event("metadata", id, name, "");
+            });
             break;
         }
         case lt::torrent_checked_alert::alert_type:
             if (check_log_enabled())
                 check_log("done", lt::alert_cast<lt::torrent_checked_alert>(alert)->torrent_name());
-            start_next_check();
+            queue_check_start();
+            break;
+        case lt::state_changed_alert::alert_type:
+            // A check asked for now waits in the queue; it starts at once when none runs.
+            if (lt::alert_cast<lt::state_changed_alert>(alert)->state == lt::torrent_status::checking_files)
+                queue_check_start();
             break;
         case lt::torrent_finished_alert::alert_type: {
             auto *a = lt::alert_cast<lt::torrent_finished_alert>(alert);
-            std::lock_guard<std::mutex> guard(mutex);
-            event("finished", id_for_locked(a->handle), a->torrent_name(), "");
+            event("finished", id_for(a->handle), a->torrent_name(), "");
             a->handle.save_resume_data(lt::torrent_handle::save_info_dict);
             break;
         }
@@ -305,42 +442,19 @@ void tb_session::handle_alert(lt::alert *alert)
             auto *a = lt::alert_cast<lt::file_error_alert>(alert);
             std::fprintf(stderr, "file error %s op=%s file=%s\n", a->error.message().c_str(),
                          lt::operation_name(a->op), a->filename());
-            std::lock_guard<std::mutex> guard(mutex);
-            const std::string id = id_for_locked(a->handle);
-            const auto it = torrents.find(id);
-            if (it != torrents.end()) {
-                check_files(id, it->second);
-                // The user already has the text about the missing file; the raw error says less.
-                if (!it->second.missing.empty())
-                    break;
-            }
-            const bool readOp = a->op == lt::operation_t::file_read
-                || a->op == lt::operation_t::partfile_read;
-            const bool gone = a->error == boost::system::errc::no_such_file_or_directory
-                || a->error == boost::system::errc::not_a_directory;
-            if (readOp && !gone && it != torrents.end() && it->second.rechecks < 3) {
-                // Data that didn't read back gets three chances per run, so one bad disk
-                // cannot loop for ever.
-                ++it->second.rechecks;
-                a->handle.clear_error();
-                a->handle.force_recheck();
-                a->handle.resume();
-                event("recheck", id, a->torrent_name(), "");
-            } else {
-                event("error", id, a->torrent_name(),
-                      a->error.message() + ": " + std::string(a->filename()));
-            }
+            // Looking at the files on disk is the worker's.
+            post_work([this, handle = a->handle, error = a->error, op = a->op, file = std::string(a->filename()),
+                       name = a->torrent_name()] { file_error(handle, error, op, file, name); });
             break;
         }
         case lt::torrent_error_alert::alert_type: {
             auto *a = lt::alert_cast<lt::torrent_error_alert>(alert);
-            std::lock_guard<std::mutex> guard(mutex);
-            event("error", id_for_locked(a->handle), a->torrent_name(), a->error.message());
+            event("error", id_for(a->handle), a->torrent_name(), a->error.message());
             break;
         }
         case lt::listen_succeeded_alert::alert_type: {
             auto *a = lt::alert_cast<lt::listen_succeeded_alert>(alert);
-            std::lock_guard<std::mutex> guard(mutex);
+            std::lock_guard<std::mutex> guard(report_lock);
             listening.push_back(std::string(a->socket_type == lt::socket_type_t::utp ? "uTP " : "TCP ")
                                 + a->address.to_string() + ":" + std::to_string(a->port));
             break;
@@ -349,20 +463,22 @@ void tb_session::handle_alert(lt::alert *alert)
             auto *a = lt::alert_cast<lt::listen_failed_alert>(alert);
             const std::string where = a->address.to_string() + ":" + std::to_string(a->port);
             const std::string text = where + " " + a->error.message();
-            std::lock_guard<std::mutex> guard(mutex);
-            listen_errors.push_back(text);
+            {
+                std::lock_guard<std::mutex> guard(report_lock);
+                listen_errors.push_back(text);
+            }
             event("listen_failed", "", "", text);
             break;
         }
         case lt::external_ip_alert::alert_type: {
             auto *a = lt::alert_cast<lt::external_ip_alert>(alert);
-            std::lock_guard<std::mutex> guard(mutex);
+            std::lock_guard<std::mutex> guard(report_lock);
             external_ip = a->external_address.to_string();
             break;
         }
         case lt::portmap_alert::alert_type: {
             auto *a = lt::alert_cast<lt::portmap_alert>(alert);
-            std::lock_guard<std::mutex> guard(mutex);
+            std::lock_guard<std::mutex> guard(report_lock);
             portmap = std::string(a->map_transport == lt::portmap_transport::upnp ? "UPnP" : "NAT-PMP")
                 + " " + std::to_string(a->external_port);
             break;
@@ -375,7 +491,7 @@ void tb_session::handle_alert(lt::alert *alert)
         case lt::session_stats_alert::alert_type: {
             auto *a = lt::alert_cast<lt::session_stats_alert>(alert);
             const auto counters = a->counters();
-            std::lock_guard<std::mutex> guard(mutex);
+            std::lock_guard<std::mutex> guard(report_lock);
             if (dht_nodes_idx >= 0 && dht_nodes_idx < counters.size())
                 dht_nodes = counters[dht_nodes_idx];
             if (incoming_idx >= 0 && incoming_idx < counters.size())
@@ -424,6 +540,7 @@ tb_session *tb_session_create(const char *dir, const char *settings)
     s->dht_nodes_idx = lt::find_metric_idx("dht.dht_nodes");
     s->incoming_idx = lt::find_metric_idx("net.has_incoming_connections");
     s->session = std::make_unique<lt::session>(std::move(params));
+    s->worker = std::thread([s] { s->worker_loop(); });
     s->thread = std::thread([s] { s->alert_loop(); });
     s->restorer = std::thread([s] { s->load_resume_files(); });
     return s;
@@ -445,7 +562,7 @@ void tb_apply_settings(tb_session *s, const char *settings)
             const std::string current = s->session->get_settings().get_str(lt::settings_pack::listen_interfaces);
             if (wanted != current) {
                 // Fresh listen alerts fill these; old errors must not stand beside them.
-                std::lock_guard<std::mutex> guard(s->mutex);
+                std::lock_guard<std::mutex> guard(s->report_lock);
                 s->listening.clear();
                 s->listen_errors.clear();
                 s->portmap.clear();
@@ -462,17 +579,8 @@ void tb_save_state(tb_session *s)
     if (!s)
         return;
     try {
-        std::vector<lt::torrent_handle> handles;
-        {
-            std::lock_guard<std::mutex> guard(s->mutex);
-            for (const auto &[id, rec] : s->torrents)
-                handles.push_back(rec.handle);
-        }
-        for (const auto &h : handles) {
-            if (h.is_valid() && h.need_save_resume_data())
-                h.save_resume_data(lt::torrent_handle::flush_disk_cache | lt::torrent_handle::save_info_dict);
-        }
-        s->write_state();
+        s->save_changed(lt::torrent_handle::flush_disk_cache | lt::torrent_handle::save_info_dict);
+        s->post_work([s] { s->write_state(); });
     } catch (const std::exception &e) {
         std::fprintf(stderr, "save state failed: %s\n", e.what());
     }
@@ -500,19 +608,10 @@ void tb_session_destroy(tb_session *s)
         quick.set_int(lt::settings_pack::stop_tracker_timeout, 1);
         s->session->apply_settings(std::move(quick));
 
-        std::vector<lt::torrent_handle> handles;
-        {
-            std::lock_guard<std::mutex> guard(s->mutex);
-            for (const auto &[id, rec] : s->torrents)
-                handles.push_back(rec.handle);
-        }
-        int32_t asked = 0;
-        for (const auto &h : handles) {
-            if (!h.is_valid())
-                continue;
-            h.save_resume_data(lt::torrent_handle::flush_disk_cache | lt::torrent_handle::save_info_dict);
-            ++asked;
-        }
+        // Only torrents that changed since their last save: the others' files on disk are
+        // already what a save would write, and asking all of a big library cost seconds.
+        const int32_t asked =
+            s->save_changed(lt::torrent_handle::flush_disk_cache | lt::torrent_handle::save_info_dict);
         {
             std::lock_guard<std::mutex> guard(s->save_mutex);
             s->pending_saves += asked;
@@ -533,6 +632,18 @@ void tb_session_destroy(tb_session *s)
             for (lt::alert *alert : alerts)
                 s->handle_alert(alert);
         }
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "session shutdown: %s\n", e.what());
+    }
+    // The worker ends once the writes queued so far are done; the state is written last.
+    {
+        std::lock_guard<std::mutex> guard(s->worker_lock);
+        s->worker_stop = true;
+        s->worker_wake.notify_all();
+    }
+    if (s->worker.joinable())
+        s->worker.join();
+    try {
         s->write_state();
     } catch (const std::exception &e) {
         std::fprintf(stderr, "session shutdown: %s\n", e.what());
@@ -568,7 +679,7 @@ char *tb_poll_events(tb_session *s)
         return dup("[]");
     std::vector<Event> taken;
     {
-        std::lock_guard<std::mutex> guard(s->mutex);
+        std::lock_guard<std::mutex> guard(s->report_lock);
         taken.swap(s->events);
     }
     std::string out;

@@ -15,6 +15,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -74,14 +76,21 @@ struct tb_session
     std::atomic<bool> restoring{true};
     std::mutex restore_lock;
 
-    // Guards the records and the report fields down to last_file_scan. Taken before
-    // piece_reads_lock, never while waiting.
+    // Guards the records, the tracker policy and the bans. Taken after files_lock and before
+    // ids_lock, report_lock and piece_reads_lock, never while waiting.
     std::mutex mutex;
     std::map<std::string, TorrentRec> torrents;
     std::vector<std::string> extra_trackers;
     bool mirrors = true;
     std::vector<std::string> banned_clients;
     std::set<std::string> banned_ips;
+    // Only the alert thread reads and sets these two.
+    SteadyTime last_ban_scan{};
+    SteadyTime last_file_scan{};
+
+    // Guards the events and the session's report fields below. Taken last and only for a
+    // copy: the alert thread sets them while a status report may hold `mutex` for long.
+    std::mutex report_lock;
     std::vector<Event> events;
     std::vector<std::string> listening;
     std::vector<std::string> listen_errors;
@@ -92,8 +101,26 @@ struct tb_session
     std::vector<int64_t> metrics;
     SteadyTime stats_time{};
     bool has_stats = false;
-    SteadyTime last_ban_scan{};
-    SteadyTime last_file_scan{};
+
+    // The files under resume/: a write checks that its torrent is still there and writes under
+    // this lock, and tb_remove deletes under it, so a write already on its way never brings a
+    // removed torrent's file back. Taken before `mutex`; no file is written under `mutex`.
+    std::mutex files_lock;
+
+    // The worker thread: resume, presence and state files with their fsyncs, the file scan
+    // and the ban scan. The alert thread only copies out of alerts and hands the slow part
+    // here, so a delivered piece never waits behind a disk.
+    std::thread worker;
+    std::mutex worker_lock;
+    std::condition_variable worker_wake;
+    std::condition_variable worker_idle;
+    std::deque<std::function<void()>> worker_jobs;
+    bool worker_busy = false;
+    bool worker_stop = false;
+    // A file scan is queued and has not begun; a second one would see nothing new.
+    std::atomic<bool> file_scan_queued{false};
+    std::atomic<bool> ban_scan_queued{false};
+    std::atomic<bool> check_start_queued{false};
 
     // The stream readers' piece cache. Never held while calling read_piece: the alert thread
     // needs it to deliver the piece.
@@ -109,7 +136,9 @@ struct tb_session
     int32_t pending_saves = 0;
 
     // The id each handle was added under. A hybrid torrent's best hash changes when a magnet's
-    // metadata arrives, so ids are never recomputed from a handle. Guarded by `mutex`.
+    // metadata arrives, so ids are never recomputed from a handle. Its own lock, taken last:
+    // the alert thread looks ids up for every delivered piece and must not wait for `mutex`.
+    std::mutex ids_lock;
     std::map<lt::torrent_handle, std::string> handle_ids;
 
     // Indexes of two session counters, found once.
@@ -117,22 +146,36 @@ struct tb_session
     int incoming_idx = -1;
 
     lt::torrent_handle find(const std::string &id);
-    // The id a handle was added under; "" when unknown. id_for takes `mutex`, the _locked form
-    // expects it held.
+    // The id a handle was added under; "" when unknown. Takes ids_lock.
     std::string id_for(const lt::torrent_handle &handle);
-    std::string id_for_locked(const lt::torrent_handle &handle) const;
+    void set_id(const lt::torrent_handle &handle, const std::string &id);
+    void forget_id(const lt::torrent_handle &handle);
+    // Runs fn later on the worker thread, in the order posted.
+    void post_work(std::function<void()> fn);
+    // Waits until every job posted so far has run.
+    void drain_work();
+    void worker_loop();
+    // Writes a torrent's file under resume/ unless the torrent was removed meanwhile.
+    void write_torrent_file(const std::string &id, const std::string &path, const std::vector<char> &bytes);
+    void file_error(const lt::torrent_handle &handle, lt::error_code error, lt::operation_t op,
+                    const std::string &file, const std::string &name);
+    // Asks resume data of every torrent that has changed since its last save; the count asked.
+    int32_t save_changed(lt::resume_data_flags_t flags);
     void handle_alert(lt::alert *alert);
-    // Appends an event; the caller holds `mutex`.
+    // Appends an event; takes report_lock.
     void event(const std::string &type, const std::string &id, const std::string &name,
                const std::string &message);
     void alert_loop();
     void scan_files();
     // Starts the check the queue would start next, when none runs.
     void start_next_check();
+    // The same on the worker, once for any number of asks that come before it runs.
+    void queue_check_start();
     void scan_banned_peers();
     void check_files(const std::string &id, TorrentRec &rec);
     // The same with a status already taken with the save path and the torrent file.
     void check_files(const std::string &id, TorrentRec &rec, const lt::torrent_status &st);
+    // Queues the write of the presence file as the record is now; the caller holds `mutex`.
     void save_presence(const std::string &id, const TorrentRec &rec);
     void forget_pieces(const std::string &id);
     void apply_trackers(TorrentRec &rec);

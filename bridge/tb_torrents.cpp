@@ -209,11 +209,13 @@ char *add(tb_session *s, lt::add_torrent_params params, const char *opts, char *
         // The library call runs under the lock, so that no alert of the new torrent is
         // handled before its id is known: a link with a peer in it can bring its metadata
         // within milliseconds, and after that the handle's hash no longer gives the id back.
+        // Alerts look ids up under ids_lock, so that is the lock held across the call.
         std::lock_guard<std::mutex> guard(s->mutex);
         if (s->torrents.count(id)) {
             set_error(out_error, "duplicate");
             return dup(id);
         }
+        std::lock_guard<std::mutex> ids(s->ids_lock);
         handle = s->session->add_torrent(params, ec);
         if (!ec && handle.is_valid()) {
             s->torrents[id].handle = handle;
@@ -254,7 +256,7 @@ void tb_session::remember(const lt::torrent_handle &handle, const std::string &i
     TorrentRec &rec = torrents[id];
     rec.handle = handle;
     rec.scanned_done = -1;
-    handle_ids[handle] = id;
+    set_id(handle, id);
 
     const std::vector<char> bytes = read_file(presence_path(id));
     if (bytes.empty()) {
@@ -364,6 +366,7 @@ void tb_session::restore_one(const std::string &name)
             // The alert thread runs meanwhile: the id is known before any alert of the
             // handle can be looked at.
             std::lock_guard<std::mutex> guard(mutex);
+            std::lock_guard<std::mutex> ids(ids_lock);
             handle = session->add_torrent(std::move(params), ec);
             if (ec || !handle.is_valid())
                 return;
@@ -461,10 +464,13 @@ bool tb_remove(tb_session *s, const char *id, int flags)
             return false;
         {
             // The record goes first and the files with it, under the lock the resume writes
-            // take: a resume alert that arrives late finds no id and writes no file back.
-            std::lock_guard<std::mutex> guard(s->mutex);
-            s->torrents.erase(key);
-            s->handle_ids.erase(handle);
+            // take: a resume write that arrives late finds no record and writes no file back.
+            std::lock_guard<std::mutex> files(s->files_lock);
+            {
+                std::lock_guard<std::mutex> guard(s->mutex);
+                s->torrents.erase(key);
+            }
+            s->forget_id(handle);
             std::remove(s->resume_path(key).c_str());
             std::remove(s->presence_path(key).c_str());
         }

@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <memory>
+#include <type_traits>
 
 class QThread;
 
@@ -43,7 +44,11 @@ public:
         QFuture<T> future = promise->future();
         promise->start();
         post([promise, fn = std::move(fn)]() mutable {
-            promise->addResult(fn());
+            if constexpr (std::is_void_v<T>) {
+                fn();
+            } else {
+                promise->addResult(fn());
+            }
             promise->finish();
         });
         return future;

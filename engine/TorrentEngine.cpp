@@ -249,7 +249,8 @@ void TorrentEngine::applyEngineSettings()
     if (text == m_appliedSettings)
         return;
     m_appliedSettings = text;
-    tb_apply_settings(m_session, text.toUtf8().constData());
+    tb_session *session = m_session;
+    m_queue->post([session, bytes = text.toUtf8()] { tb_apply_settings(session, bytes.constData()); });
 }
 
 void TorrentEngine::applyTrackers()
@@ -263,7 +264,11 @@ void TorrentEngine::applyTrackers()
     if (key == m_appliedTrackers)
         return;
     m_appliedTrackers = key;
-    tb_set_extra_trackers(m_session, joined.toUtf8().constData(), m_settings.trackerMirrors);
+    // Applying them asks every torrent for its trackers: seconds for a big library.
+    tb_session *session = m_session;
+    m_queue->post([session, bytes = joined.toUtf8(), mirrors = m_settings.trackerMirrors] {
+        tb_set_extra_trackers(session, bytes.constData(), mirrors);
+    });
 }
 
 void TorrentEngine::applyBans()
@@ -274,7 +279,8 @@ void TorrentEngine::applyBans()
     if (text == m_appliedBans)
         return;
     m_appliedBans = text;
-    tb_set_banned_clients(m_session, text.toUtf8().constData());
+    tb_session *session = m_session;
+    m_queue->post([session, bytes = text.toUtf8()] { tb_set_banned_clients(session, bytes.constData()); });
 }
 
 void TorrentEngine::scheduleSettingsSave()
@@ -389,14 +395,26 @@ void TorrentEngine::poll()
     if (m_isShutDown)
         return;
     updateCheckingResources(false);
+    if (m_pollInFlight) {
+        // The round under way may have been taken before what asked for this one happened.
+        m_pollWanted = true;
+        return;
+    }
+    m_pollInFlight = true;
+    m_pollWanted = false;
+    ++m_statusRounds;
     tb_session *session = m_session;
     QPointer<TorrentEngine> self(this);
-    m_queue->post([session, self] {
+    std::vector<std::shared_ptr<QPromise<void>>> waiters;
+    waiters.swap(m_pollWaiters);
+    m_queue->post([session, self, waiters = std::move(waiters)]() mutable {
         std::optional<StatusSnapshot> snapshot = takeStatus(session);
         const QList<TorrentEvent> events = TorrentEvent::decodeList(take(tb_poll_events(session)));
-        postToMain(self.data(), [self, snapshot = std::move(snapshot), events] {
+        postToMain(self.data(), [self, snapshot = std::move(snapshot), events, waiters = std::move(waiters)] {
             if (self)
-                self->apply(snapshot, events);
+                self->pollDone(snapshot, events);
+            for (const auto &waiter : waiters)
+                waiter->finish();
         });
     });
     const auto now = std::chrono::steady_clock::now();
@@ -404,6 +422,14 @@ void TorrentEngine::poll()
         m_lastStateSave = now;
         m_queue->post([session] { tb_save_state(session); });
     }
+}
+
+void TorrentEngine::pollDone(const std::optional<StatusSnapshot> &snapshot, const QList<TorrentEvent> &events)
+{
+    m_pollInFlight = false;
+    apply(snapshot, events);
+    if (m_pollWanted)
+        poll();
 }
 
 void TorrentEngine::apply(const std::optional<StatusSnapshot> &snapshot, const QList<TorrentEvent> &events)
@@ -431,7 +457,10 @@ void TorrentEngine::apply(const std::optional<StatusSnapshot> &snapshot, const Q
     bool checking = false;
     for (TorrentStatus &t : torrents) {
         const bool active = t.state == QLatin1String("checking") && !t.paused && t.error.isEmpty();
-        checking = checking || active;
+        // A check waiting in the queue starts as soon as the one before it ends; the fast
+        // poll shows that end, and the start, without a second's delay.
+        const bool queued = t.state == QLatin1String("checking") && t.paused && t.autoManaged && t.error.isEmpty();
+        checking = checking || active || queued;
         const auto rate = m_checkingProgress.update(t.id, t.progress, t.total, active, now);
         t.checkingRate = rate ? std::optional<double>(static_cast<double>(*rate)) : std::nullopt;
     }
@@ -454,13 +483,18 @@ QCoro::Task<void> TorrentEngine::refreshForAutomation()
 {
     if (m_isShutDown)
         co_return;
-    tb_session *session = m_session;
-    QPointer<TorrentEngine> self(this);
-    const auto snapshot = co_await m_queue->run<std::optional<StatusSnapshot>>([session] {
-        return takeStatus(session);
-    });
-    if (self)
-        self->apply(snapshot, {});
+    auto waiter = std::make_shared<QPromise<void>>();
+    QFuture<void> applied = waiter->future();
+    waiter->start();
+    m_pollWaiters.push_back(std::move(waiter));
+    poll();
+    co_await applied;
+}
+
+QCoro::Task<void> TorrentEngine::runOnQueue(std::function<void()> work)
+{
+    QFuture<void> done = m_queue->run<void>(std::move(work));
+    co_await done;
 }
 
 void TorrentEngine::shutdown()
@@ -470,6 +504,10 @@ void TorrentEngine::shutdown()
     m_isShutDown = true;
     if (m_timer)
         m_timer->stop();
+    // Whoever waits for a round gets none; the waits end here rather than never.
+    for (const auto &waiter : m_pollWaiters)
+        waiter->finish();
+    m_pollWaiters.clear();
     delete m_memoryPressureSource;
     m_memoryPressureSource = nullptr;
     // A tracker list fetch that is under way ends here and finds the engine shut down.
@@ -589,22 +627,29 @@ QCoro::Task<void> TorrentEngine::refreshTrackers(bool force)
 
 // Commands ---------------------------------------------------------------------------------------
 
+template <typename T, typename Fn>
+QFuture<T> TorrentEngine::command(Fn fn)
+{
+    QFuture<T> done = m_queue->run<T>(std::move(fn));
+    // Posted behind the command, so the round shows what it did.
+    poll();
+    return done;
+}
+
 AddOutcome TorrentEngine::finishAdd(char *id, char *error)
 {
     const QString idText = takeText(id);
     const QString errorText = takeText(error);
-    if (!idText.isEmpty()) {
-        poll();
+    if (!idText.isEmpty())
         return AddResult{idText, errorText == QLatin1String("duplicate")};
-    }
     return EngineError{errorText.isEmpty() ? QStringLiteral("Не удалось добавить торрент") : errorText};
 }
 
-AddOutcome TorrentEngine::addTorrent(const QString &path, const QString &savePath,
-                                     const std::optional<QList<int>> &priorities, bool paused, bool sequential)
+QCoro::Task<AddOutcome> TorrentEngine::addTorrent(QString path, QString savePath, std::optional<QList<int>> priorities,
+                                                  bool paused, bool sequential)
 {
     if (m_isShutDown)
-        return EngineError{QStringLiteral("Не удалось добавить торрент")};
+        co_return EngineError{QStringLiteral("Не удалось добавить торрент")};
     QStringList lines{QStringLiteral("save_path=") + savePath, QStringLiteral("paused=") + QLatin1String(bool01(paused)),
                       QStringLiteral("sequential=") + QLatin1String(bool01(sequential))};
     if (priorities) {
@@ -613,33 +658,45 @@ AddOutcome TorrentEngine::addTorrent(const QString &path, const QString &savePat
             numbers << QString::number(p);
         lines << QStringLiteral("priorities=") + numbers.join(QLatin1Char(','));
     }
-    // A directory that can't be made is the library's to report, with its own words.
-    QDir().mkpath(savePath);
-    char *error = nullptr;
-    char *id = tb_add_torrent(m_session, QFile::encodeName(path).constData(),
-                              lines.join(QLatin1Char('\n')).toUtf8().constData(), &error);
-    return finishAdd(id, error);
+    tb_session *session = m_session;
+    QFuture<AddOutcome> added = command<AddOutcome>(
+        [session, file = QFile::encodeName(path), savePath, options = lines.join(QLatin1Char('\n')).toUtf8()] {
+            // A directory that can't be made is the library's to report, with its own words.
+            QDir().mkpath(savePath);
+            char *error = nullptr;
+            char *id = tb_add_torrent(session, file.constData(), options.constData(), &error);
+            return finishAdd(id, error);
+        });
+    co_return co_await added;
 }
 
-AddOutcome TorrentEngine::addMagnet(const QString &uri, const QString &savePath, bool chooseFiles, bool paused,
-                                    bool sequential)
+QCoro::Task<AddOutcome> TorrentEngine::addMagnet(QString uri, QString savePath, bool chooseFiles, bool paused,
+                                                 bool sequential)
 {
     if (m_isShutDown)
-        return EngineError{QStringLiteral("Не удалось добавить торрент")};
+        co_return EngineError{QStringLiteral("Не удалось добавить торрент")};
     const QStringList lines{QStringLiteral("save_path=") + savePath,
                             QStringLiteral("paused=") + QLatin1String(bool01(paused)),
                             QStringLiteral("sequential=") + QLatin1String(bool01(sequential)),
                             QStringLiteral("choose=") + QLatin1String(bool01(chooseFiles))};
-    QDir().mkpath(savePath);
-    char *error = nullptr;
-    char *id = tb_add_magnet(m_session, uri.toUtf8().constData(), lines.join(QLatin1Char('\n')).toUtf8().constData(),
-                             &error);
-    return finishAdd(id, error);
+    tb_session *session = m_session;
+    QFuture<AddOutcome> added = command<AddOutcome>(
+        [session, link = uri.toUtf8(), savePath, options = lines.join(QLatin1Char('\n')).toUtf8()] {
+            QDir().mkpath(savePath);
+            char *error = nullptr;
+            char *id = tb_add_magnet(session, link.constData(), options.constData(), &error);
+            return finishAdd(id, error);
+        });
+    co_return co_await added;
 }
 
-TorrentPreview TorrentEngine::preview(const QString &path) const
+QCoro::Task<TorrentPreview> TorrentEngine::preview(QString path)
 {
-    return TorrentPreview::decode(take(tb_inspect_torrent(QFile::encodeName(path).constData())));
+    // Reading the file is disk work; it needs no session and keeps the queue's order anyway.
+    QFuture<TorrentPreview> read = m_queue->run<TorrentPreview>([file = QFile::encodeName(path)] {
+        return TorrentPreview::decode(take(tb_inspect_torrent(file.constData())));
+    });
+    co_return co_await read;
 }
 
 bool TorrentEngine::settingsLimitReached(const TorrentStatus &t) const
@@ -651,73 +708,87 @@ bool TorrentEngine::settingsLimitReached(const TorrentStatus &t) const
     return m_settings.seedTimeLimitMinutes >= 1 && t.seedingTime >= 60LL * m_settings.seedTimeLimitMinutes;
 }
 
-void TorrentEngine::resume(const QStringList &ids)
+namespace {
+
+// The action words of the bridge for a list of ids, on the engine's queue.
+void actOn(tb_session *session, const QStringList &ids, const QByteArray &word)
+{
+    for (const QString &id : ids)
+        tb_action(session, id.toUtf8().constData(), word.constData());
+}
+
+} // namespace
+
+QCoro::Task<void> TorrentEngine::resume(QStringList ids)
 {
     if (m_isShutDown)
-        return;
+        co_return;
     for (const QString &id : ids) {
         const auto t = torrent(id);
         if (t && (t->finished || t->seeding) && settingsLimitReached(*t)) {
             // The user's resume overrules the limit for this torrent for good.
             updateMeta(id, [](TorrentMeta &m) { m.ignoreSeedLimits = true; });
         }
-        tb_action(m_session, id.toUtf8().constData(), "resume");
     }
-    poll();
+    tb_session *session = m_session;
+    QFuture<void> done = command<void>([session, ids] { actOn(session, ids, "resume"); });
+    co_await done;
 }
 
-void TorrentEngine::pause(const QStringList &ids)
+QCoro::Task<void> TorrentEngine::pause(QStringList ids)
 {
     if (m_isShutDown)
-        return;
-    for (const QString &id : ids)
-        tb_action(m_session, id.toUtf8().constData(), "pause");
-    poll();
+        co_return;
+    tb_session *session = m_session;
+    QFuture<void> done = command<void>([session, ids] { actOn(session, ids, "pause"); });
+    co_await done;
 }
 
-void TorrentEngine::togglePause(const QString &id)
+QCoro::Task<void> TorrentEngine::togglePause(QString id)
 {
     const auto t = torrent(id);
     if (!t)
-        return;
-    if (!t->paused || t->autoManaged)
-        pause({id});
-    else
-        resume({id});
+        co_return;
+    QCoro::Task<void> toggled = (!t->paused || t->autoManaged) ? pause({id}) : resume({id});
+    co_await std::move(toggled);
 }
 
-void TorrentEngine::action(const QString &name, const QStringList &ids)
+QCoro::Task<void> TorrentEngine::action(QString name, QStringList ids)
 {
     if (m_isShutDown)
-        return;
-    for (const QString &id : ids) {
-        // The rate of the old check means nothing for the new one.
-        if (name == QLatin1String("recheck"))
+        co_return;
+    // The rate of the old check means nothing for the new one.
+    if (name == QLatin1String("recheck")) {
+        for (const QString &id : ids)
             m_checkingProgress.remove(id);
-        tb_action(m_session, id.toUtf8().constData(), name.toUtf8().constData());
     }
-    poll();
+    tb_session *session = m_session;
+    QFuture<void> done = command<void>([session, ids, word = name.toUtf8()] { actOn(session, ids, word); });
+    co_await done;
 }
 
-void TorrentEngine::remove(const QStringList &ids, bool deleteFiles)
+QCoro::Task<void> TorrentEngine::remove(QStringList ids, bool deleteFiles)
 {
     if (m_isShutDown)
-        return;
+        co_return;
     bool metaChangedHere = false;
-    for (const QString &id : ids) {
-        tb_remove(m_session, id.toUtf8().constData(), deleteFiles ? 1 : 0);
+    for (const QString &id : ids)
         metaChangedHere = m_meta.remove(id) > 0 || metaChangedHere;
-    }
     if (metaChangedHere)
         emit metaChanged();
     scheduleMetaSave();
-    poll();
+    tb_session *session = m_session;
+    QFuture<void> done = command<void>([session, ids, deleteFiles] {
+        for (const QString &id : ids)
+            tb_remove(session, id.toUtf8().constData(), deleteFiles ? 1 : 0);
+    });
+    co_await done;
 }
 
-void TorrentEngine::setPriority(const QString &id, const QList<int> &files, FilePriority priority)
+QCoro::Task<void> TorrentEngine::setPriority(QString id, QList<int> files, FilePriority priority)
 {
     if (files.isEmpty() || m_isShutDown)
-        return;
+        co_return;
     int value = 4;
     switch (priority) {
     case FilePriority::skip: value = 0; break;
@@ -725,10 +796,97 @@ void TorrentEngine::setPriority(const QString &id, const QList<int> &files, File
     case FilePriority::normal: value = 4; break;
     case FilePriority::high: value = 7; break;
     }
-    std::vector<int32_t> indexes(files.begin(), files.end());
-    tb_set_file_priorities(m_session, id.toUtf8().constData(), indexes.data(), static_cast<int32_t>(indexes.size()),
-                           value);
-    poll();
+    tb_session *session = m_session;
+    QFuture<void> done = command<void>([session, key = id.toUtf8(), files, value] {
+        std::vector<int32_t> indexes(files.begin(), files.end());
+        tb_set_file_priorities(session, key.constData(), indexes.data(), static_cast<int32_t>(indexes.size()), value);
+    });
+    co_await done;
+}
+
+QCoro::Task<bool> TorrentEngine::setLimits(QString id, TorrentLimits limits)
+{
+    if (m_isShutDown)
+        co_return false;
+    // A limit not given keeps what the torrent has; the rates come back from the status in
+    // bytes, where a negative value means none. With all four given, a torrent added a moment
+    // ago and not yet in the published state takes them too.
+    const TorrentStatus t = torrent(id).value_or(TorrentStatus{});
+    const bool complete = limits.downloadKiB && limits.uploadKiB && limits.connections && limits.uploadSlots;
+    if (!complete && !torrent(id))
+        co_return false;
+    const qint64 downloadKiB = limits.downloadKiB.value_or(std::max<qint64>(t.downloadLimit, 0) / 1024);
+    const qint64 uploadKiB = limits.uploadKiB.value_or(std::max<qint64>(t.uploadLimit, 0) / 1024);
+    const qint64 connections = limits.connections.value_or(t.connectionsLimit);
+    const qint64 uploadSlots = limits.uploadSlots.value_or(t.uploadsLimit);
+    // The bridge takes 32 bits; more than that is no limit a session could tell apart.
+    const auto clamped = [](qint64 value) {
+        return static_cast<int32_t>(std::clamp<qint64>(value, std::numeric_limits<int32_t>::min(),
+                                                       std::numeric_limits<int32_t>::max()));
+    };
+    const auto bytes = [&clamped](qint64 kib) {
+        constexpr qint64 Bound = std::numeric_limits<qint64>::max() / 1024;
+        return clamped(std::clamp(kib, -Bound, Bound) * 1024);
+    };
+    tb_session *session = m_session;
+    QFuture<bool> done = command<bool>([session, key = id.toUtf8(), down = bytes(downloadKiB), up = bytes(uploadKiB),
+                                        conns = clamped(connections), unchokes = clamped(uploadSlots)] {
+        return tb_set_limits(session, key.constData(), down, up, conns, unchokes);
+    });
+    co_return co_await done;
+}
+
+QCoro::Task<bool> TorrentEngine::addTrackers(QString id, QStringList urls)
+{
+    if (m_isShutDown)
+        co_return false;
+    tb_session *session = m_session;
+    QFuture<bool> done = command<bool>([session, key = id.toUtf8(), text = urls.join(QLatin1Char('\n')).toUtf8()] {
+        return tb_add_trackers(session, key.constData(), text.constData());
+    });
+    co_return co_await done;
+}
+
+QCoro::Task<bool> TorrentEngine::moveStorage(QString id, QString path)
+{
+    if (m_isShutDown)
+        co_return false;
+    tb_session *session = m_session;
+    QFuture<bool> done = command<bool>([session, key = id.toUtf8(), target = QFile::encodeName(path)] {
+        return tb_move_storage(session, key.constData(), target.constData());
+    });
+    co_return co_await done;
+}
+
+QCoro::Task<double> TorrentEngine::streamProgress(QString id, int file)
+{
+    if (m_isShutDown)
+        co_return -1.0;
+    tb_session *session = m_session;
+    QFuture<double> share = m_queue->run<double>(
+        [session, key = id.toUtf8(), file] { return tb_stream_progress(session, key.constData(), file); });
+    co_return co_await share;
+}
+
+QCoro::Task<void> TorrentEngine::prefetch(QString id, int file, qint64 bytes, double fraction)
+{
+    if (m_isShutDown)
+        co_return;
+    tb_session *session = m_session;
+    QFuture<void> done = m_queue->run<void>([session, key = id.toUtf8(), file, bytes, fraction] {
+        tb_prefetch(session, key.constData(), file, bytes, fraction);
+    });
+    co_await done;
+}
+
+TorrentStreamOpener TorrentEngine::streamOpener(const QString &id, int file) const
+{
+    return m_isShutDown ? TorrentStreamOpener() : TorrentStreamOpener(m_session, id, file);
+}
+
+bool TorrentEngine::streamWaiting(const QString &id, int file) const
+{
+    return !m_isShutDown && tb_stream_waiting(m_session, id.toUtf8().constData(), file);
 }
 
 void TorrentEngine::setToast(const std::optional<QString> &text)
@@ -778,7 +936,8 @@ void TorrentEngine::enforceSeedLimits()
         if (m_meta.value(t.id).ignoreSeedLimits)
             continue;
         if (settingsLimitReached(t)) {
-            tb_action(m_session, t.id.toUtf8().constData(), "pause");
+            tb_session *session = m_session;
+            m_queue->post([session, key = t.id.toUtf8()] { tb_action(session, key.constData(), "pause"); });
             show(QStringLiteral("Раздача «") + t.name + QStringLiteral("» остановлена по лимиту"));
         }
     }

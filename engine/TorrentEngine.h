@@ -8,6 +8,7 @@
 #include "engine/TorrentMeta.h"
 #include "engine/TorrentReports.h"
 #include "engine/TorrentStatus.h"
+#include "engine/TorrentStream.h"
 #include "media/TorrentFile.h"
 
 #include <QHash>
@@ -21,12 +22,15 @@
 #include <QUrl>
 
 #include <QCoroTask>
+#include <QFuture>
+#include <QPromise>
 
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <variant>
+#include <vector>
 
 class LowPowerMonitor;
 class MemoryPressureWatcher;
@@ -43,6 +47,17 @@ struct AddResult
 
 using AddOutcome = std::variant<AddResult, EngineError>;
 
+// Limits of one torrent as a caller gives them: rates in KiB per second (0 for none),
+// connections and upload slots (below 1 for none). A limit left empty keeps what the torrent has.
+struct TorrentLimits
+{
+    std::optional<qint64> downloadKiB;
+    std::optional<qint64> uploadKiB;
+    std::optional<qint64> connections;
+    std::optional<qint64> uploadSlots;
+    bool operator==(const TorrentLimits &) const = default;
+};
+
 // Where the engine fetches public tracker lists from. The process-wide engine uses the public
 // lists of the current profile; an engine made with the defaults fetches only from the addresses
 // it is given, none at first, so a test or a script never reaches beyond the machine unasked.
@@ -58,7 +73,8 @@ struct TrackerListSources
 
 // The one owner of the torrent session. It polls the bridge on its own serial queue, decodes
 // there, and publishes on the main thread only what changed; everything else in the program
-// reads the published state and calls the commands below on the main thread.
+// reads the published state and calls the commands below on the main thread. No call here
+// waits on the session: each bridge call runs on the queue and is awaited.
 class TorrentEngine : public QObject
 {
     Q_OBJECT
@@ -103,7 +119,8 @@ public:
     QString home() const { return m_home; }
     // Uptime (seconds) at which the poll timer last came late, or -infinity.
     double lastInterfaceDelay() const { return m_lastInterfaceDelay; }
-    // The bridge session, for the player's stream calls. Null after shutdown.
+    // The bridge session, for libmpv's stream protocol, whose reads block on libmpv's own
+    // thread. Null after shutdown.
     tb_session *session() const { return m_isShutDown ? nullptr : m_session; }
 
     // Fetches the public tracker lists into the settings, at most once a day unless `force`,
@@ -128,25 +145,52 @@ public:
     // Changes the meta of one torrent; saves 1.0 s after the last change when it really changed.
     void updateMeta(const QString &id, const std::function<void(TorrentMeta &)> &change);
 
+    // Asks for a status round. At most one is under way: one asked meanwhile is taken once
+    // that one is applied, however many were asked, so a burst of commands or a late timer
+    // never queues status builds behind each other.
     void poll();
-    // Status taken and applied before the task ends, for callers that must see the effect of
-    // their last command.
+    // Status taken after this call and applied before the task ends, for callers that must
+    // see the effect of their last command.
     QCoro::Task<void> refreshForAutomation();
+    // Status rounds taken since the start; benchmarks and tests watch it.
+    quint64 statusRounds() const { return m_statusRounds; }
+    // Runs work on the engine's queue after everything already sent there; the task ends when
+    // it has run. For work that must keep the engine's order, as benchmarks and tests do.
+    QCoro::Task<void> runOnQueue(std::function<void()> work);
     // Saves settings and meta, then closes the session within its limits. Blocks; once only.
     void shutdown();
 
-    // Commands, main thread.
-    AddOutcome addTorrent(const QString &path, const QString &savePath,
-                          const std::optional<QList<int>> &priorities, bool paused, bool sequential);
-    AddOutcome addMagnet(const QString &uri, const QString &savePath, bool chooseFiles, bool paused,
-                         bool sequential);
-    TorrentPreview preview(const QString &path) const;
-    void resume(const QStringList &ids);
-    void pause(const QStringList &ids);
-    void togglePause(const QString &id);
-    void action(const QString &name, const QStringList &ids);
-    void remove(const QStringList &ids, bool deleteFiles);
-    void setPriority(const QString &id, const QList<int> &files, FilePriority priority);
+    // Commands. Each is started on the main thread (a view's model, a server route, an
+    // automation tool), runs its bridge call on the engine's queue after everything sent
+    // before it, asks for a status round, and ends when the call has returned. Awaiting is
+    // optional: a command left to run still runs, in order.
+    QCoro::Task<AddOutcome> addTorrent(QString path, QString savePath, std::optional<QList<int>> priorities,
+                                       bool paused, bool sequential);
+    QCoro::Task<AddOutcome> addMagnet(QString uri, QString savePath, bool chooseFiles, bool paused, bool sequential);
+    QCoro::Task<TorrentPreview> preview(QString path);
+    // Resume lifts the seeding limits of a torrent that reached them, for good.
+    QCoro::Task<void> resume(QStringList ids);
+    QCoro::Task<void> pause(QStringList ids);
+    QCoro::Task<void> togglePause(QString id);
+    QCoro::Task<void> action(QString name, QStringList ids);
+    QCoro::Task<void> remove(QStringList ids, bool deleteFiles);
+    QCoro::Task<void> setPriority(QString id, QList<int> files, FilePriority priority);
+    // Limits left empty are filled from what the torrent has; false for an unknown torrent.
+    QCoro::Task<bool> setLimits(QString id, TorrentLimits limits);
+    QCoro::Task<bool> addTrackers(QString id, QStringList urls);
+    QCoro::Task<bool> moveStorage(QString id, QString path);
+
+    // The player's calls on a stream, also on the queue. Share of the piece a read of the
+    // file waits for, 0..1, or -1 when no read waits.
+    QCoro::Task<double> streamProgress(QString id, int file);
+    // Warms `bytes` of a file around a fraction of it, for a stream that isn't open yet.
+    QCoro::Task<void> prefetch(QString id, int file, qint64 bytes, double fraction);
+    // Whether a read of the file waits for a piece right now. Reads what the stream readers
+    // publish and never waits on the session, so the main thread may ask at any moment.
+    bool streamWaiting(const QString &id, int file) const;
+    // What a thread that may block opens a stream of the file with; empty after shutdown.
+    TorrentStreamOpener streamOpener(const QString &id, int file) const;
+
     void show(const QString &text);
     void reveal(const QString &id, int file);
     bool settingsLimitReached(const TorrentStatus &t) const;
@@ -185,9 +229,13 @@ private:
     QString engineSettingsText() const;
     void setPollInterval(double seconds);
     void timerTick();
+    void pollDone(const std::optional<StatusSnapshot> &snapshot, const QList<TorrentEvent> &events);
+    // Runs a bridge call on the queue and asks for the status round that shows its effect.
+    template <typename T, typename Fn>
+    QFuture<T> command(Fn fn);
     void handle(const TorrentEvent &event);
     void enforceSeedLimits();
-    AddOutcome finishAdd(char *id, char *error);
+    static AddOutcome finishAdd(char *id, char *error);
     void setToast(const std::optional<QString> &text);
     QCoro::Task<void> revealTask(QString id, int file);
     void setTrackerFetchStatus(const std::optional<QString> &text);
@@ -198,6 +246,11 @@ private:
     tb_session *m_session = nullptr;
     std::unique_ptr<SerialQueue> m_queue;
     QTimer *m_timer = nullptr;
+    bool m_pollInFlight = false;
+    bool m_pollWanted = false;
+    quint64 m_statusRounds = 0;
+    // Callers of refreshForAutomation waiting for the next round to be taken.
+    std::vector<std::shared_ptr<QPromise<void>>> m_pollWaiters;
     CheckingProgressEstimator m_checkingProgress;
     double m_pollInterval = 0;
     CheckingResources::Hardware m_checkingHardware;

@@ -1,6 +1,5 @@
 #include "playback/PlayerModel.h"
 
-#include "bridge/tb_bridge.h"
 #include "core/PathText.h"
 #include "engine/TorrentEngine.h"
 #include "media/MediaMatcher.h"
@@ -10,6 +9,8 @@
 
 #include <QPointer>
 #include <QTimer>
+
+#include <QCoroFuture>
 
 #include <algorithm>
 #include <cmath>
@@ -110,16 +111,13 @@ PlayerModel::PlayerModel(TorrentEngine *engine, Hooks hooks, QObject *parent)
             return makeMPVPlayerCore(m_engine->session(), m_engine->settings().hardwareDecoding, m_silent);
         };
     }
-    if (!m_hooks.streamProgress) {
-        m_hooks.streamProgress = [this](const QString &id, int file) {
-            tb_session *session = m_engine->session();
-            return session ? tb_stream_progress(session, id.toUtf8().constData(), file) : -1.0;
-        };
-    }
+    if (!m_hooks.streamProgress)
+        m_hooks.streamProgress = [this](QString id, int file) { return m_engine->streamProgress(id, file); };
+    if (!m_hooks.streamWaiting)
+        m_hooks.streamWaiting = [this](const QString &id, int file) { return m_engine->streamWaiting(id, file); };
     if (!m_hooks.prefetch) {
         m_hooks.prefetch = [this](const QString &id, int file, qint64 bytes, double fraction) {
-            if (tb_session *session = m_engine->session())
-                tb_prefetch(session, id.toUtf8().constData(), file, bytes, fraction);
+            m_engine->prefetch(id, file, bytes, fraction);
         };
     }
 
@@ -314,13 +312,43 @@ void PlayerModel::togglePause()
     if (!m_core)
         return;
     if (m_ended && m_item) {
-        // Play at the end starts the file again.
-        setEnded(false);
-        seek(0.0);
-        m_core->set(QStringLiteral("pause"), QStringLiteral("no"));
+        resumePlayback();
         return;
     }
     m_core->commandAsync({QStringLiteral("cycle"), QStringLiteral("pause")});
+}
+
+void PlayerModel::resumePlayback()
+{
+    if (!m_core)
+        return;
+    if (m_ended && m_item) {
+        // Play at the end starts the file again.
+        setEnded(false);
+        seek(0.0);
+    }
+    m_core->set(QStringLiteral("pause"), QStringLiteral("no"));
+}
+
+void PlayerModel::pausePlayback()
+{
+    if (m_core)
+        m_core->set(QStringLiteral("pause"), QStringLiteral("yes"));
+}
+
+void PlayerModel::setPlaybackSpeed(double speed)
+{
+    if (m_core)
+        m_core->set(QStringLiteral("speed"), QString::number(speed));
+}
+
+QCoro::Task<QMap<QString, QString>> PlayerModel::diagnostics()
+{
+    MPVCore *mpv = m_core ? m_core->mpvCore() : nullptr;
+    if (!mpv)
+        co_return {};
+    QFuture<QMap<QString, QString>> taken = mpv->diagnostics();
+    co_return co_await taken;
 }
 
 void PlayerModel::seek(double seconds)
@@ -496,13 +524,6 @@ std::optional<double> PlayerModel::secondsSinceOpen() const
     return std::chrono::duration<double>(Clock::now() - *m_openedAt).count();
 }
 
-double PlayerModel::streamProgress() const
-{
-    if (!m_item)
-        return -1.0;
-    return m_hooks.streamProgress(m_item->torrentId, m_item->file.i);
-}
-
 QString PlayerModel::streamAddressOf(int fileIndex) const
 {
     return m_item ? streamAddress(m_item->torrentId, fileIndex) : QString();
@@ -510,7 +531,7 @@ QString PlayerModel::streamAddressOf(int fileIndex) const
 
 bool PlayerModel::streamBlocked() const
 {
-    return m_item && m_loaded && streamProgress() >= 0.0;
+    return m_item && m_loaded && m_hooks.streamWaiting(m_item->torrentId, m_item->file.i);
 }
 
 void PlayerModel::updateCheckingPriority()
@@ -534,8 +555,11 @@ void PlayerModel::refreshProgress()
 {
     if (!m_item)
         return;
-    const double progress = streamProgress();
-    setBufferProgress(progress >= 0.0 ? std::optional<double>(progress) : std::nullopt);
+    // One ask at a time: a busy engine queue answers late, and the next tick asks again.
+    if (!m_bufferProgressAsked) {
+        m_bufferProgressAsked = true;
+        refreshBufferProgress(m_openGeneration, *m_item);
+    }
     if (m_duration > 0 && m_tick % 3 == 0)
         warmExternalAudio();
     ++m_tick;
@@ -544,6 +568,20 @@ void PlayerModel::refreshProgress()
         m_progressTask = std::make_shared<TaskToken>();
         runProgressTask(m_progressTask, m_openGeneration, *m_item, (m_tick - 1) % 6 == 0);
     }
+}
+
+QCoro::Task<> PlayerModel::refreshBufferProgress(uint64_t generation, PlayItem item)
+{
+    QPointer<PlayerModel> self(this);
+    auto asking = m_hooks.streamProgress(item.torrentId, item.file.i);
+    const double progress = co_await std::move(asking);
+    if (!self)
+        co_return;
+    m_bufferProgressAsked = false;
+    // An answer about a file that no longer plays says nothing of the one that does.
+    if (m_openGeneration != generation || m_item != item)
+        co_return;
+    setBufferProgress(progress >= 0.0 ? std::optional<double>(progress) : std::nullopt);
 }
 
 void PlayerModel::warmExternalAudio()

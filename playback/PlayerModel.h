@@ -10,6 +10,7 @@
 #include "playback/TrackOption.h"
 
 #include <QList>
+#include <QMap>
 #include <QObject>
 #include <QString>
 #include <QVariant>
@@ -68,13 +69,16 @@ class PlayerModel : public QObject
     Q_PROPERTY(bool hasPreviousFile READ hasPreviousFile NOTIFY neighboursChanged)
 
 public:
-    // What the model reaches outside itself for: a libmpv core, and the bridge's stream progress
-    // and prefetch on the engine's session. Left empty, each is the real one; tests stand in.
+    // What the model reaches outside itself for: a libmpv core, and the engine's stream calls.
+    // Left empty, each is the real one; tests stand in.
     struct Hooks
     {
         std::function<std::unique_ptr<PlayerCore>()> makeCore;
-        // Share of the piece that a stream on (torrent, file) waits for, or -1 with no read waiting.
-        std::function<double(const QString &, int)> streamProgress;
+        // Share of the piece that a stream on (torrent, file) waits for, or -1 with no read
+        // waiting; asked of the session on the engine's queue.
+        std::function<QCoro::Task<double>(QString, int)> streamProgress;
+        // Whether a read of (torrent, file) waits for a piece now; answered without waiting.
+        std::function<bool(const QString &, int)> streamWaiting;
         // Warms `bytes` of a file around a fraction of it, for a stream that isn't open yet.
         std::function<void(const QString &, int, qint64, double)> prefetch;
     };
@@ -100,6 +104,12 @@ public:
     // Back to idle: the position is saved, pending work is dropped, libmpv stops.
     Q_INVOKABLE void stop();
     Q_INVOKABLE void togglePause();
+    // Plays on; at the end of the file, from its start again.
+    Q_INVOKABLE void resumePlayback();
+    Q_INVOKABLE void pausePlayback();
+    Q_INVOKABLE void setPlaybackSpeed(double speed);
+    // libmpv's own figures (decoder, cache, dropped frames); none without a running core.
+    QCoro::Task<QMap<QString, QString>> diagnostics();
     Q_INVOKABLE void seek(double seconds);
     Q_INVOKABLE void setVolume(double volume);
     Q_INVOKABLE void savePosition();
@@ -245,12 +255,12 @@ private:
     void hideControls();
     void seekSettled();
     std::optional<double> secondsSinceOpen() const;
-    double streamProgress() const;
     QString streamAddressOf(int fileIndex) const;
     void updateCheckingPriority();
 
     void startProgressTimer();
     void refreshProgress();
+    QCoro::Task<> refreshBufferProgress(uint64_t generation, PlayItem item);
     void warmExternalAudio();
     void cancelProgressTask();
     QCoro::Task<> runProgressTask(std::shared_ptr<TaskToken> token, uint64_t generation, PlayItem item,
@@ -298,6 +308,7 @@ private:
     bool m_reloading = false; // the next fileLoaded belongs to a reload
     uint64_t m_openGeneration = 0;
     std::shared_ptr<TaskToken> m_progressTask;
+    bool m_bufferProgressAsked = false; // a stream progress is on its way from the engine
     std::optional<QString> m_previousPieceMap;
 
     std::optional<PlayItem> m_item;

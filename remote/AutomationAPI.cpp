@@ -1,6 +1,5 @@
 #include "remote/AutomationAPI.h"
 
-#include "bridge/tb_bridge.h"
 #include "engine/TorrentEngine.h"
 #include "library/MainUIState.h"
 #include "media/MediaKind.h"
@@ -173,16 +172,21 @@ QJsonObject encode(const TorrentPreview &p)
     return o;
 }
 
+using PreviewOutcome = std::variant<TorrentPreview, AutomationError>;
+
 // The preview of a local .torrent file an agent names, or why there is none.
-std::variant<TorrentPreview, AutomationError> previewOf(const QString &path, const TorrentEngine &engine)
+QCoro::Task<PreviewOutcome> previewOf(QString path, QPointer<TorrentEngine> engine)
 {
     const QFileInfo info(path);
     if (!path.toLower().endsWith(QLatin1String(".torrent")) || !info.isFile() || !info.isReadable())
-        return AutomationError{QStringLiteral("Readable local .torrent file required.")};
-    TorrentPreview preview = engine.preview(path);
+        co_return AutomationError{QStringLiteral("Readable local .torrent file required.")};
+    QCoro::Task<TorrentPreview> reading = engine->preview(path);
+    TorrentPreview preview = co_await std::move(reading);
+    if (!engine)
+        co_return shuttingDown();
     if (preview.error)
-        return AutomationError{*preview.error};
-    return preview;
+        co_return AutomationError{*preview.error};
+    co_return preview;
 }
 
 // The indices of a JSON array that the schema has already checked to hold whole numbers.
@@ -192,12 +196,6 @@ QList<int> indicesOf(const QJsonValue &value)
     for (const QJsonValue &v : value.toArray())
         indices << static_cast<int>(v.toDouble());
     return indices;
-}
-
-// A limit from the status, as the bridge takes it: within 0 and the 32-bit maximum.
-int32_t clampedLimit(qint64 value)
-{
-    return static_cast<int32_t>(std::clamp<qint64>(value, 0, std::numeric_limits<int32_t>::max()));
 }
 
 struct BusyGuard
@@ -266,6 +264,16 @@ QCoro::Task<AutomationOutcome> AutomationAPI::run(QString name, QJsonObject argu
         waiting.emplace(setFilePriority(id, arguments));
     else if (name == QLatin1String("play_file"))
         waiting.emplace(playFile(id, arguments));
+    else if (name == QLatin1String("preview_torrent"))
+        waiting.emplace(previewTorrent(arguments));
+    else if (name == QLatin1String("add_torrent"))
+        waiting.emplace(addTorrent(arguments));
+    else if (name == QLatin1String("torrent_action"))
+        waiting.emplace(torrentAction(id, arguments));
+    else if (name == QLatin1String("set_torrent_limits"))
+        waiting.emplace(setTorrentLimits(id, arguments));
+    else if (name == QLatin1String("remove_torrent"))
+        waiting.emplace(removeTorrent(id, arguments));
     if (waiting) {
         AutomationOutcome outcome = co_await std::move(*waiting);
         co_return outcome;
@@ -278,16 +286,6 @@ AutomationOutcome AutomationAPI::runAtOnce(const QString &name, const QJsonObjec
     const QString id = arguments.value(IdKey).toString();
     if (name == QLatin1String("get_state"))
         return QJsonValue(stateDocument(m_engine, m_player, m_ui));
-    if (name == QLatin1String("preview_torrent"))
-        return previewTorrent(arguments);
-    if (name == QLatin1String("add_torrent"))
-        return addTorrent(arguments);
-    if (name == QLatin1String("torrent_action"))
-        return torrentAction(id, arguments);
-    if (name == QLatin1String("set_torrent_limits"))
-        return setTorrentLimits(id, arguments);
-    if (name == QLatin1String("remove_torrent"))
-        return removeTorrent(id, arguments);
     if (name == QLatin1String("get_settings"))
         return QJsonValue(settingsView(m_engine->settings()));
     if (name == QLatin1String("update_settings"))
@@ -322,24 +320,26 @@ QCoro::Task<AutomationOutcome> AutomationAPI::torrentDetails(QString id)
                           {QStringLiteral("peers"), encode(peers)}};
 }
 
-AutomationOutcome AutomationAPI::previewTorrent(const QJsonObject &arguments)
+QCoro::Task<AutomationOutcome> AutomationAPI::previewTorrent(QJsonObject arguments)
 {
     const auto path = absolutePath(arguments.value(QLatin1String("path")).toString());
     if (const auto *error = std::get_if<AutomationError>(&path))
-        return *error;
-    const auto preview = previewOf(std::get<QString>(path), *m_engine);
+        co_return *error;
+    QCoro::Task<PreviewOutcome> reading = previewOf(std::get<QString>(path), m_engine);
+    const PreviewOutcome preview = co_await std::move(reading);
     if (const auto *error = std::get_if<AutomationError>(&preview))
-        return *error;
-    return encode(std::get<TorrentPreview>(preview));
+        co_return *error;
+    co_return encode(std::get<TorrentPreview>(preview));
 }
 
-AutomationOutcome AutomationAPI::addTorrent(const QJsonObject &arguments)
+QCoro::Task<AutomationOutcome> AutomationAPI::addTorrent(QJsonObject arguments)
 {
+    QPointer<TorrentEngine> engine = m_engine;
     const QJsonValue savePathValue = arguments.value(QLatin1String("save_path"));
     const auto savePath =
-        absolutePath(savePathValue.isString() ? savePathValue.toString() : m_engine->settings().downloadDirectory);
+        absolutePath(savePathValue.isString() ? savePathValue.toString() : engine->settings().downloadDirectory);
     if (const auto *error = std::get_if<AutomationError>(&savePath))
-        return *error;
+        co_return *error;
     const QString directory = std::get<QString>(savePath);
     // What an agent adds waits until it is told to start.
     const bool paused = arguments.value(QLatin1String("paused")).toBool(true);
@@ -347,22 +347,25 @@ AutomationOutcome AutomationAPI::addTorrent(const QJsonObject &arguments)
     const QString source = arguments.value(QLatin1String("source")).toString();
     const QJsonValue files = arguments.value(QLatin1String("files"));
 
-    AddOutcome outcome;
+    std::optional<QCoro::Task<AddOutcome>> adding;
     if (source.startsWith(QLatin1String("magnet:"))) {
         if (!files.isUndefined()) {
-            return AutomationError{
+            co_return AutomationError{
                 QStringLiteral("Magnet metadata is not available yet. Add it first, then select files.")};
         }
         if (auto error = prepareDirectory(directory))
-            return *error;
-        outcome = m_engine->addMagnet(source, directory, false, paused, sequential);
+            co_return *error;
+        adding.emplace(engine->addMagnet(source, directory, false, paused, sequential));
     } else {
         const auto path = absolutePath(source);
         if (const auto *error = std::get_if<AutomationError>(&path))
-            return *error;
-        const auto preview = previewOf(std::get<QString>(path), *m_engine);
+            co_return *error;
+        QCoro::Task<PreviewOutcome> reading = previewOf(std::get<QString>(path), engine);
+        const PreviewOutcome preview = co_await std::move(reading);
+        if (!engine || engine->isShutDown())
+            co_return shuttingDown();
         if (const auto *error = std::get_if<AutomationError>(&preview))
-            return *error;
+            co_return *error;
         std::optional<QList<int>> priorities;
         if (!files.isUndefined()) {
             const QList<TorrentPreviewFile> previewFiles = std::get<TorrentPreview>(preview).files.value_or(QList<TorrentPreviewFile>());
@@ -376,7 +379,7 @@ AutomationOutcome AutomationAPI::addTorrent(const QJsonObject &arguments)
             const QList<int> chosen = indicesOf(files);
             for (int index : chosen) {
                 if (!choosable.contains(index))
-                    return unknownFileIndex();
+                    co_return unknownFileIndex();
             }
             // The bridge takes one priority per file index: normal for the chosen, skip for the rest.
             QList<int> list(count, 0);
@@ -385,27 +388,26 @@ AutomationOutcome AutomationAPI::addTorrent(const QJsonObject &arguments)
             priorities = list;
         }
         if (auto error = prepareDirectory(directory))
-            return *error;
-        outcome = m_engine->addTorrent(std::get<QString>(path), directory, priorities, paused, sequential);
+            co_return *error;
+        adding.emplace(engine->addTorrent(std::get<QString>(path), directory, priorities, paused, sequential));
     }
+    const AddOutcome outcome = co_await std::move(*adding);
     if (const auto *error = std::get_if<EngineError>(&outcome))
-        return AutomationError{error->message};
+        co_return AutomationError{error->message};
     const AddResult &added = std::get<AddResult>(outcome);
-    return QJsonObject{{QStringLiteral("id"), added.id}, {QStringLiteral("duplicate"), added.duplicate}};
+    co_return QJsonObject{{QStringLiteral("id"), added.id}, {QStringLiteral("duplicate"), added.duplicate}};
 }
 
-AutomationOutcome AutomationAPI::torrentAction(const QString &id, const QJsonObject &arguments)
+QCoro::Task<AutomationOutcome> AutomationAPI::torrentAction(QString id, QJsonObject arguments)
 {
     const QString action = arguments.value(QLatin1String("action")).toString();
     // Resume and pause go through the engine's own commands, which keep its seeding limits
     // and meta right; every other word is a plain action of the bridge.
-    if (action == QLatin1String("resume"))
-        m_engine->resume({id});
-    else if (action == QLatin1String("pause"))
-        m_engine->pause({id});
-    else
-        m_engine->action(action, {id});
-    return accepted();
+    QCoro::Task<void> acting = action == QLatin1String("resume") ? m_engine->resume({id})
+        : action == QLatin1String("pause")                      ? m_engine->pause({id})
+                                                                 : m_engine->action(action, {id});
+    co_await std::move(acting);
+    co_return QJsonValue(accepted());
 }
 
 QCoro::Task<AutomationOutcome> AutomationAPI::setFilePriority(QString id, QJsonObject arguments)
@@ -422,41 +424,35 @@ QCoro::Task<AutomationOutcome> AutomationAPI::setFilePriority(QString id, QJsonO
             co_return unknownFileIndex();
     }
     const int raw = arguments.value(QLatin1String("priority")).toInt();
-    engine->setPriority(id, chosen, static_cast<FilePriority>(raw));
+    QCoro::Task<void> setting = engine->setPriority(id, chosen, static_cast<FilePriority>(raw));
+    co_await std::move(setting);
     co_return QJsonValue(accepted());
 }
 
-AutomationOutcome AutomationAPI::setTorrentLimits(const QString &id, const QJsonObject &arguments)
+QCoro::Task<AutomationOutcome> AutomationAPI::setTorrentLimits(QString id, QJsonObject arguments)
 {
     static const QStringList LimitKeys{QStringLiteral("download_kib"), QStringLiteral("upload_kib"),
                                        QStringLiteral("connections"), QStringLiteral("upload_slots")};
     if (std::none_of(LimitKeys.begin(), LimitKeys.end(), [&arguments](const QString &k) { return arguments.contains(k); }))
-        return AutomationError{QStringLiteral("Provide at least one limit.")};
-    const TorrentStatus status = *m_engine->torrent(id);
-    auto given = [&arguments](const char *key, qint64 present) {
+        co_return AutomationError{QStringLiteral("Provide at least one limit.")};
+    auto given = [&arguments](const char *key) -> std::optional<qint64> {
         const QJsonValue v = arguments.value(QLatin1String(key));
-        return v.isUndefined() ? present : static_cast<qint64>(v.toDouble());
+        return v.isUndefined() ? std::nullopt : std::optional<qint64>(static_cast<qint64>(v.toDouble()));
     };
-    // A limit not given keeps what the torrent has; the rates come back from the status in
-    // bytes, where a negative value means none.
-    const qint64 downloadKiB = given("download_kib", std::max<qint64>(status.downloadLimit, 0) / 1024);
-    const qint64 uploadKiB = given("upload_kib", std::max<qint64>(status.uploadLimit, 0) / 1024);
-    const qint64 connections = given("connections", status.connectionsLimit);
-    const qint64 uploadSlots = given("upload_slots", status.uploadsLimit);
-    // The schema keeps the rates at most 2097151 KiB/s, so the bytes fit in 32 bits.
-    tb_set_limits(m_engine->session(), id.toUtf8().constData(), clampedLimit(downloadKiB * 1024),
-                  clampedLimit(uploadKiB * 1024), clampedLimit(connections), clampedLimit(uploadSlots));
-    m_engine->poll();
-    return accepted();
+    // The engine keeps what is not given as the torrent has it.
+    const TorrentLimits limits{given("download_kib"), given("upload_kib"), given("connections"), given("upload_slots")};
+    QCoro::Task<bool> setting = m_engine->setLimits(id, limits);
+    co_await std::move(setting);
+    co_return QJsonValue(accepted());
 }
 
-AutomationOutcome AutomationAPI::removeTorrent(const QString &id, const QJsonObject &arguments)
+QCoro::Task<AutomationOutcome> AutomationAPI::removeTorrent(QString id, QJsonObject arguments)
 {
     const bool deleteFiles = arguments.value(QLatin1String("delete_files")).toBool(false);
     if (deleteFiles) {
         const QJsonValue confirm = arguments.value(QLatin1String("confirm_name"));
         if (!confirm.isString() || confirm.toString() != m_engine->torrent(id)->name)
-            return AutomationError{QStringLiteral("Deleting data requires confirm_name matching the torrent name.")};
+            co_return AutomationError{QStringLiteral("Deleting data requires confirm_name matching the torrent name.")};
     }
     // The player must let go of the torrent's file before the session drops it.
     if (m_player) {
@@ -464,8 +460,9 @@ AutomationOutcome AutomationAPI::removeTorrent(const QString &id, const QJsonObj
         if (item && item->torrentId == id)
             m_player->stop();
     }
-    m_engine->remove({id}, deleteFiles);
-    return accepted();
+    QCoro::Task<void> removing = m_engine->remove({id}, deleteFiles);
+    co_await std::move(removing);
+    co_return QJsonValue(accepted());
 }
 
 AutomationOutcome AutomationAPI::updateSettings(const QJsonObject &arguments)
@@ -555,14 +552,9 @@ AutomationOutcome AutomationAPI::controlPlayer(const QJsonObject &arguments)
         return AutomationError{QStringLiteral("No file is open in the player.")};
     PlayerModel &player = *m_player;
     if (action == QLatin1String("pause")) {
-        if (PlayerCore *core = player.core())
-            core->set(QStringLiteral("pause"), QStringLiteral("yes"));
+        player.pausePlayback();
     } else if (action == QLatin1String("resume")) {
-        // Resuming a file that has ended plays it again from the start.
-        if (player.ended())
-            player.seek(0);
-        if (PlayerCore *core = player.core())
-            core->set(QStringLiteral("pause"), QStringLiteral("no"));
+        player.resumePlayback();
     } else if (action == QLatin1String("seek")) {
         if (!player.loaded() || player.duration() <= 0)
             return AutomationError{QStringLiteral("File is still loading; seek is not available yet.")};
@@ -573,8 +565,7 @@ AutomationOutcome AutomationAPI::controlPlayer(const QJsonObject &arguments)
         const double speed = arguments.value(QLatin1String("value")).toDouble();
         if (speed < 0.25 || speed > 4.0)
             return AutomationError{QStringLiteral("Playback speed must be between 0.25 and 4.")};
-        if (PlayerCore *core = player.core())
-            core->set(QStringLiteral("speed"), QString::number(speed));
+        player.setPlaybackSpeed(speed);
     } else {
         const bool audio = action == QLatin1String("audio");
         const QString optionId = arguments.value(QLatin1String("option")).toString();

@@ -67,12 +67,12 @@ private:
     QCoro::Task<AutomationOutcome> run(QString name, QJsonObject arguments);
     AutomationOutcome runAtOnce(const QString &name, const QJsonObject &arguments);
     QCoro::Task<AutomationOutcome> torrentDetails(QString id);
-    AutomationOutcome previewTorrent(const QJsonObject &arguments);
-    AutomationOutcome addTorrent(const QJsonObject &arguments);
-    AutomationOutcome torrentAction(const QString &id, const QJsonObject &arguments);
+    QCoro::Task<AutomationOutcome> previewTorrent(QJsonObject arguments);
+    QCoro::Task<AutomationOutcome> addTorrent(QJsonObject arguments);
+    QCoro::Task<AutomationOutcome> torrentAction(QString id, QJsonObject arguments);
     QCoro::Task<AutomationOutcome> setFilePriority(QString id, QJsonObject arguments);
-    AutomationOutcome setTorrentLimits(const QString &id, const QJsonObject &arguments);
-    AutomationOutcome removeTorrent(const QString &id, const QJsonObject &arguments);
+    QCoro::Task<AutomationOutcome> setTorrentLimits(QString id, QJsonObject arguments);
+    QCoro::Task<AutomationOutcome> removeTorrent(QString id, QJsonObject arguments);
     AutomationOutcome updateSettings(const QJsonObject &arguments);
     QCoro::Task<AutomationOutcome> playFile(QString id, QJsonObject arguments);
     AutomationOutcome controlPlayer(const QJsonObject &arguments);

@@ -1,9 +1,7 @@
 #include "remote/ControlServer.h"
 
-#include "bridge/tb_bridge.h"
 #include "engine/TorrentEngine.h"
 #include "library/MainUIState.h"
-#include "playback/MPVCore.h"
 #include "playback/PlayerModel.h"
 #include "remote/ControlWindows.h"
 #include "remote/HttpRequest.h"
@@ -239,13 +237,13 @@ QCoro::Task<void> ControlServer::serveStream(QPointer<QTcpSocket> socket, QStrin
         co_return;
     }
     TorrentEngine *engine = m_engine;
-    if (!engine || !engine->session()) {
+    if (!engine || engine->isShutDown()) {
         reply(socket, "503 Service Unavailable", error(QStringLiteral("engine")));
         co_return;
     }
     auto filesTask = engine->files(id);
     const QList<TorrentFile> files = co_await std::move(filesTask);
-    if (!self || !socket || !self->m_engine || !self->m_engine->session())
+    if (!self || !socket || !self->m_engine || self->m_engine->isShutDown())
         co_return;
     const auto file = std::find_if(files.begin(), files.end(), [index](const TorrentFile &f) { return f.i == index; });
     if (file == files.end()) {
@@ -265,9 +263,7 @@ QCoro::Task<void> ControlServer::serveStream(QPointer<QTcpSocket> socket, QStrin
     ::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
 
     StreamRequest request;
-    request.session = self->m_engine->session();
-    request.torrentId = id;
-    request.file = index;
+    request.opener = self->m_engine->streamOpener(id, index);
     request.size = file->size;
     request.contentType = streamContentType(file->path);
     request.headOnly = headOnly;
@@ -314,8 +310,10 @@ QCoro::Task<QByteArray> ControlServer::route(QString target)
         const QString text = co_await std::move(textTask);
         co_return text.toUtf8();
     }
-    if (is("/add"))
-        co_return add(query);
+    if (is("/add")) {
+        auto adding = add(query);
+        co_return co_await std::move(adding);
+    }
     if (is("/open")) {
         const QString text = query.value(QStringLiteral("path"));
         if (text.isEmpty())
@@ -349,16 +347,22 @@ QCoro::Task<QByteArray> ControlServer::route(QString target)
         const QString map = co_await std::move(mapTask);
         co_return json(QJsonObject{{QStringLiteral("map"), map}});
     }
-    if (is("/prio"))
-        co_return setPriority(query);
+    if (is("/prio")) {
+        auto setting = setPriority(query);
+        co_return co_await std::move(setting);
+    }
     if (is("/action")) {
-        engine->action(query.value(QStringLiteral("a")), {id});
+        auto acting = engine->action(query.value(QStringLiteral("a")), {id});
+        co_await std::move(acting);
         co_return ok();
     }
-    if (is("/limits"))
-        co_return setLimits(query);
+    if (is("/limits")) {
+        auto setting = setLimits(query);
+        co_return co_await std::move(setting);
+    }
     if (is("/remove")) {
-        engine->remove({id}, flag(query, QStringLiteral("data")));
+        auto removing = engine->remove({id}, flag(query, QStringLiteral("data")));
+        co_await std::move(removing);
         co_return ok();
     }
     if (is("/settings"))
@@ -376,9 +380,12 @@ QCoro::Task<QByteArray> ControlServer::route(QString target)
         co_return ok();
     }
     if (is("/pause")) {
-        if (m_player && m_player->core())
-            m_player->core()->set(QStringLiteral("pause"), flag(query, QStringLiteral("on")) ? QStringLiteral("yes")
-                                                                                            : QStringLiteral("no"));
+        if (m_player) {
+            if (flag(query, QStringLiteral("on")))
+                m_player->pausePlayback();
+            else
+                m_player->resumePlayback();
+        }
         co_return ok();
     }
     if (is("/key"))
@@ -407,17 +414,20 @@ QCoro::Task<QByteArray> ControlServer::route(QString target)
     co_return error(QStringLiteral("unknown"));
 }
 
-QByteArray ControlServer::add(const Query &query)
+QCoro::Task<QByteArray> ControlServer::add(Query query)
 {
-    TorrentEngine *engine = m_engine;
+    QPointer<TorrentEngine> engine = m_engine;
     const QString path = query.value(QStringLiteral("path"));
     if (path.isEmpty())
-        return error(QStringLiteral("path"));
+        co_return error(QStringLiteral("path"));
     std::optional<QList<int>> priorities;
     if (query.contains(QStringLiteral("files"))) {
-        const TorrentPreview preview = engine->preview(path);
+        auto reading = engine->preview(path);
+        const TorrentPreview preview = co_await std::move(reading);
+        if (!engine)
+            co_return QByteArray("{}");
         if (!preview.files)
-            return error(preview.error.value_or(QStringLiteral("Не удалось прочитать файл")));
+            co_return error(preview.error.value_or(QStringLiteral("Не удалось прочитать файл")));
         const QList<int> listed = RouteParameters::indexList(query.value(QStringLiteral("files")));
         QList<int> levels;
         for (qsizetype i = 0; i < preview.files->size(); ++i)
@@ -427,12 +437,13 @@ QByteArray ControlServer::add(const Query &query)
     QString save = query.value(QStringLiteral("save"));
     if (save.isEmpty())
         save = engine->settings().downloadDirectory;
-    const AddOutcome outcome = engine->addTorrent(path, save, priorities, flag(query, QStringLiteral("paused")),
-                                                  flag(query, QStringLiteral("sequential")));
+    auto adding = engine->addTorrent(path, save, priorities, flag(query, QStringLiteral("paused")),
+                                     flag(query, QStringLiteral("sequential")));
+    const AddOutcome outcome = co_await std::move(adding);
     if (const auto *added = std::get_if<AddResult>(&outcome)) {
-        return json(QJsonObject{{QStringLiteral("id"), added->id}, {QStringLiteral("duplicate"), added->duplicate}});
+        co_return json(QJsonObject{{QStringLiteral("id"), added->id}, {QStringLiteral("duplicate"), added->duplicate}});
     }
-    return error(std::get<EngineError>(outcome).message);
+    co_return error(std::get<EngineError>(outcome).message);
 }
 
 QByteArray ControlServer::select(const Query &query)
@@ -482,25 +493,25 @@ QByteArray ControlServer::select(const Query &query)
     return ok();
 }
 
-QByteArray ControlServer::setPriority(const Query &query)
+QCoro::Task<QByteArray> ControlServer::setPriority(Query query)
 {
-    m_engine->setPriority(query.value(QStringLiteral("id")), RouteParameters::indexList(query.value(QStringLiteral("files"))),
-                          RouteParameters::priorityForLevel(query.value(QStringLiteral("p"), QStringLiteral("4"))));
-    return ok();
+    auto setting = m_engine->setPriority(query.value(QStringLiteral("id")),
+                                         RouteParameters::indexList(query.value(QStringLiteral("files"))),
+                                         RouteParameters::priorityForLevel(query.value(QStringLiteral("p"), QStringLiteral("4"))));
+    co_await std::move(setting);
+    co_return ok();
 }
 
-QByteArray ControlServer::setLimits(const Query &query)
+QCoro::Task<QByteArray> ControlServer::setLimits(Query query)
 {
-    TorrentEngine *engine = m_engine;
-    if (tb_session *session = engine->session()) {
-        tb_set_limits(session, query.value(QStringLiteral("id")).toUtf8().constData(),
-                      RouteParameters::clampedInt32(query.value(QStringLiteral("down")), 1024),
-                      RouteParameters::clampedInt32(query.value(QStringLiteral("up")), 1024),
-                      RouteParameters::clampedInt32(query.value(QStringLiteral("conn"))),
-                      RouteParameters::clampedInt32(query.value(QStringLiteral("slots"))));
-        engine->poll();
-    }
-    return ok();
+    // Every limit the route leaves out is none.
+    const auto number = [&query](const char *name) {
+        return std::optional<qint64>(query.value(QLatin1String(name)).toLongLong());
+    };
+    const TorrentLimits limits{number("down"), number("up"), number("conn"), number("slots")};
+    auto setting = m_engine->setLimits(query.value(QStringLiteral("id")), limits);
+    co_await std::move(setting);
+    co_return ok();
 }
 
 QByteArray ControlServer::changeSettings(const Query &query)
@@ -529,6 +540,9 @@ QByteArray ControlServer::changeSettings(const Query &query)
         settings.audioLanguages = query.value(QStringLiteral("audioLang"));
     if (has("autoplay"))
         settings.autoplayNext = flag(query, QStringLiteral("autoplay"));
+    // One announce address a line, added to every public torrent.
+    if (has("trackers"))
+        settings.customTrackers = query.value(QStringLiteral("trackers"));
     engine->setSettings(settings);
     return json(QJsonObject{
         {QStringLiteral("ok"), true},
@@ -646,8 +660,10 @@ QCoro::Task<QByteArray> ControlServer::playerDiagnostics()
 {
     QPointer<ControlServer> self(this);
     QMap<QString, QString> merged;
-    if (m_player && m_player->core() && m_player->core()->mpvCore())
-        merged = co_await m_player->core()->mpvCore()->diagnostics();
+    if (m_player) {
+        auto taking = m_player->diagnostics();
+        merged = co_await std::move(taking);
+    }
     if (!self)
         co_return QByteArray("{}");
     if (m_windows) {

@@ -73,10 +73,10 @@ private:
     QCoro::Task<void> serveStream(QPointer<QTcpSocket> socket, QString target, bool headOnly,
                                   std::optional<QByteArray> range);
 
-    QByteArray add(const QMap<QString, QString> &query);
+    QCoro::Task<QByteArray> add(QMap<QString, QString> query);
     QByteArray select(const QMap<QString, QString> &query);
-    QByteArray setPriority(const QMap<QString, QString> &query);
-    QByteArray setLimits(const QMap<QString, QString> &query);
+    QCoro::Task<QByteArray> setPriority(QMap<QString, QString> query);
+    QCoro::Task<QByteArray> setLimits(QMap<QString, QString> query);
     QByteArray changeSettings(const QMap<QString, QString> &query);
     QCoro::Task<QByteArray> play(QString id, QString fileText);
     QByteArray selectTrack(const QMap<QString, QString> &query);

@@ -1,6 +1,5 @@
 #include "remote/StreamResponder.h"
 
-#include "bridge/tb_bridge.h"
 #include "core/PathText.h"
 #include "remote/HttpRequest.h"
 
@@ -82,7 +81,7 @@ void StreamResponder::cancel()
     std::lock_guard lock(m_mutex);
     m_cancelled = true;
     if (m_reader)
-        tb_reader_cancel(m_reader);
+        m_reader->cancel();
     // A write blocked on a client that stopped reading returns at once.
     ::shutdown(m_socket, SHUT_RDWR);
 }
@@ -139,31 +138,30 @@ void StreamResponder::run()
         QMetaObject::invokeMethod(this, [this] { emit finished(this); }, Qt::QueuedConnection);
     });
 
-    tb_reader *reader = nullptr;
+    std::unique_ptr<TorrentStream> stream;
     qint64 size = m_request.size;
     if (!m_request.headOnly) {
-        reader = m_request.session ? tb_reader_open(m_request.session, m_request.torrentId.toUtf8().constData(),
-                                                    m_request.file)
-                                   : nullptr;
-        if (!reader) {
+        stream = m_request.opener.open();
+        if (!stream) {
             // No metadata yet, or a file of the torrent is missing on disk.
             answer(503, "Content-Type: application/json; charset=utf-8\r\n", R"({"error":"stream"})");
             return;
         }
         std::lock_guard lock(m_mutex);
-        m_reader = reader;
+        m_reader = stream.get();
         if (m_cancelled)
-            tb_reader_cancel(reader);
-        size = tb_reader_size(reader);
+            stream->cancel();
+        size = stream->size();
     }
-    auto release = qScopeGuard([this, reader] {
-        if (!reader)
+    TorrentStream *const reader = stream.get();
+    auto release = qScopeGuard([this, &stream] {
+        if (!stream)
             return;
         {
             std::lock_guard lock(m_mutex);
             m_reader = nullptr;
         }
-        tb_reader_close(reader);
+        stream.reset();
     });
 
     const RangeAnswer range = resolveRange(m_request.range, size);
@@ -185,12 +183,12 @@ void StreamResponder::run()
     if (!sendAll(head.constData(), head.size()) || !reader || range.range.length == 0)
         return;
 
-    if (tb_reader_seek(reader, range.range.first) != range.range.first)
+    if (reader->seek(range.range.first) != range.range.first)
         return;
     const auto buffer = std::make_unique<char[]>(ChunkBytes);
     qint64 left = range.range.length;
     while (left > 0) {
-        const qint64 n = tb_reader_read(reader, buffer.get(), std::min(left, ChunkBytes));
+        const qint64 n = reader->read(buffer.get(), std::min(left, ChunkBytes));
         // A failed or cancelled read ends the answer short; the client sees the connection close
         // before Content-Length is reached and knows the body is incomplete.
         if (n <= 0 || !sendAll(buffer.get(), n))

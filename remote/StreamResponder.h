@@ -1,16 +1,17 @@
 #pragma once
 
+#include "engine/TorrentStream.h"
+
 #include <QByteArray>
 #include <QObject>
 #include <QString>
 
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
 
 class QSocketNotifier;
-typedef struct tb_session tb_session;
-typedef struct tb_reader tb_reader;
 
 // The Content-Type of a file by its extension; "application/octet-stream" when unknown.
 QString streamContentType(const QString &path);
@@ -18,9 +19,7 @@ QString streamContentType(const QString &path);
 // What one stream answer is about, worked out on the main thread before the hand-off.
 struct StreamRequest
 {
-    tb_session *session = nullptr;
-    QString torrentId;
-    int file = 0;
+    TorrentStreamOpener opener;
     qint64 size = 0; // as the files report gives it; the reader's own size wins once open
     QString contentType;
     bool headOnly = false; // HEAD: the head of the answer and no body, and no reader at all
@@ -67,6 +66,6 @@ private:
     QSocketNotifier *m_clientWatch = nullptr;
     std::thread m_thread;
     std::mutex m_mutex; // over the two below
-    tb_reader *m_reader = nullptr;
+    TorrentStream *m_reader = nullptr;
     bool m_cancelled = false;
 };

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -132,4 +133,70 @@ TEST(ActionsTest, CommandsReachTheTorrentAndUnknownOnesAreRefused)
     std::this_thread::sleep_for(std::chrono::milliseconds(2500));
     EXPECT_NE(bridge.state(id), "missing");
     EXPECT_TRUE(bridge.errors(id).empty());
+}
+
+// A user's priority change and a stream opening on another file of the same torrent come from
+// two threads at once; neither may undo the other.
+TEST(ActionsTest, PriorityChangesAndStreamOpensOnOtherFilesBothStay)
+{
+    TempDir dir;
+    const std::string data = dir.file("data");
+    constexpr int Files = 24;
+    for (int k = 0; k < Files; ++k)
+        writePatternFile(data + "/Pack/f" + std::to_string(100 + k) + ".bin", 16 * 1024, static_cast<uint32_t>(k));
+    const MadeTorrent pack = makeTorrent(data, "Pack", dir.file("torrents"));
+    LiveBridge bridge(dir.file("state"));
+    tb_session *s = bridge.get();
+    // Nothing of it on disk where it is saved, and nothing wanted.
+    std::string none;
+    for (int k = 0; k < Files; ++k)
+        none += k ? ",0" : "0";
+    char *error = nullptr;
+    const std::string id = bridgetest::take(tb_add_torrent(
+        s, pack.torrentPath.c_str(), ("save_path=" + dir.file("down") + "\npaused=1\npriorities=" + none).c_str(), &error));
+    tb_free(error);
+    ASSERT_FALSE(id.empty());
+    const char *tid = id.c_str();
+    std::vector<int> indexes;
+    for (int k = 0; k < Files; ++k)
+        indexes.push_back(bridge.fileIndex(id, "Pack/f" + std::to_string(100 + k) + ".bin"));
+    ASSERT_TRUE(std::none_of(indexes.begin(), indexes.end(), [](int i) { return i < 0; }));
+    ASSERT_TRUE(waitFor([&] {
+        return std::all_of(indexes.begin(), indexes.end(), [&](int i) { return bridge.priority(id, i) == 0; });
+    }));
+
+    // Several rounds, since the two threads meet at a different moment each time.
+    for (int round = 0; round < 4; ++round) {
+        SCOPED_TRACE(round);
+        const int32_t userPriority = round % 2 ? 1 : 7;
+        std::thread user([&] {
+            for (int k = 0; k < Files; k += 2) {
+                const int32_t file[] = {indexes[static_cast<size_t>(k)]};
+                tb_set_file_priorities(s, tid, file, 1, userPriority);
+            }
+        });
+        std::thread streams([&] {
+            for (int k = 1; k < Files; k += 2) {
+                tb_reader *reader = tb_reader_open(s, tid, indexes[static_cast<size_t>(k)]);
+                tb_reader_close(reader);
+            }
+        });
+        user.join();
+        streams.join();
+        const auto settled = [&] {
+            for (int k = 0; k < Files; ++k) {
+                const int expected = k % 2 ? 4 : userPriority;
+                if (bridge.priority(id, indexes[static_cast<size_t>(k)]) != expected)
+                    return false;
+            }
+            return true;
+        };
+        EXPECT_TRUE(waitFor(settled, std::chrono::seconds(10)));
+        // Back to nothing wanted for the next round, one file at a time as the user would.
+        std::vector<int32_t> all(indexes.begin(), indexes.end());
+        ASSERT_TRUE(tb_set_file_priorities(s, tid, all.data(), Files, 0));
+        ASSERT_TRUE(waitFor([&] {
+            return std::all_of(indexes.begin(), indexes.end(), [&](int i) { return bridge.priority(id, i) == 0; });
+        }));
+    }
 }

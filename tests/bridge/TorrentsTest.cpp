@@ -5,13 +5,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include <sys/stat.h>
 
 // The presence file's reader and writer are bridge internals without libtorrent types in their
 // signatures; declared here so the format is tested without the session header.
@@ -354,4 +358,57 @@ TEST(TorrentsTest, RestoreHashesEveryTorrentAndHoldsBackOnlyOnesMissingAWantedFi
     EXPECT_FALSE(magnet.value("hasMetadata").toBool());
     EXPECT_EQ(str(magnet, "state"), "metadata");
     EXPECT_EQ(take(tb_files_json(s.get(), magnetId.c_str())), "[]");
+}
+
+// A stop writes resume files only for the torrents that changed since their last save: a big
+// library at rest has nothing to write, and asking every torrent cost seconds of the stop.
+TEST(TorrentsTest, StopRewritesOnlyTheResumeFilesOfTorrentsThatChanged)
+{
+    TempDir tmp;
+    const std::string state = tmp.file("state");
+    const std::string content = tmp.file("content");
+    std::vector<MadeTorrent> made;
+    for (int k = 0; k < 5; ++k) {
+        const std::string name = "Item" + std::to_string(k);
+        makeTwoFiles(content, name, 20000, 12000, static_cast<uint32_t>(40 + k));
+        made.push_back(makeTorrent(content, name, tmp.file("torrents")));
+    }
+    const auto inodes = [&] {
+        std::vector<ino_t> out;
+        for (const MadeTorrent &t : made) {
+            struct stat info {};
+            out.push_back(::stat(resumeFile(state, t.id).c_str(), &info) == 0 ? info.st_ino : 0);
+        }
+        return out;
+    };
+
+    BridgeSession s(state, settingsText());
+    for (const MadeTorrent &t : made)
+        ASSERT_EQ(add(s.get(), t.torrentPath, "save_path=" + content + "\npaused=1"), t.id);
+    // Saved once more after whatever the adds set going, then left until no file changes.
+    ASSERT_TRUE(waitFor([&] {
+        const std::vector<ino_t> now = inodes();
+        return std::find(now.begin(), now.end(), ino_t(0)) == now.end();
+    }));
+    tb_save_state(s.get());
+    std::vector<ino_t> atRest = inodes();
+    ASSERT_TRUE(waitFor([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        const std::vector<ino_t> now = inodes();
+        const bool still = now == atRest;
+        atRest = now;
+        return still;
+    }));
+
+    ASSERT_TRUE(tb_action(s.get(), made[2].id.c_str(), "force_start"));
+    ASSERT_TRUE(waitFor([&] { return !torrentStatus(s.get(), made[2].id).value("paused").toBool(); }));
+    s.close();
+    const std::vector<ino_t> after = inodes();
+    for (size_t k = 0; k < made.size(); ++k) {
+        SCOPED_TRACE(k);
+        if (k == 2)
+            EXPECT_NE(after[k], atRest[k]) << "the started torrent's file is written anew";
+        else
+            EXPECT_EQ(after[k], atRest[k]) << "an unchanged torrent's file is left as it is";
+    }
 }

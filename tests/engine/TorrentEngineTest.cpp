@@ -2,6 +2,7 @@
 
 #include "engine/Storage.h"
 #include "support/LocalSwarm.h"
+#include "support/TaskResult.h"
 #include "support/TestSupport.h"
 
 #include <QFile>
@@ -13,6 +14,8 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <atomic>
+#include <future>
 
 using testsupport::TempDir;
 using testsupport::waitFor;
@@ -95,26 +98,31 @@ TEST(TorrentEngineTest, PublishesSortedTorrentsOnlyWhenTheyChange)
     EXPECT_EQ(engine->torrents().size(), 4);
 }
 
-TEST(TorrentEngineTest, OnlyAnActiveCheckQuickensThePoll)
+TEST(TorrentEngineTest, AnActiveOrQueuedCheckQuickensThePoll)
 {
     struct Row
     {
         const char *state;
         bool paused;
+        bool autoManaged;
         const char *error;
         double interval;
     };
-    const Row rows[] = {{"checking", false, "", 0.25},
-                        {"checking", true, "", 1.0},
-                        {"checking", false, "read error", 1.0},
-                        {"downloading", false, "", 1.0}};
+    const Row rows[] = {{"checking", false, false, "", 0.25},
+                        {"checking", true, true, "", 0.25}, // waits in the queue for the one before it
+                        {"checking", true, false, "", 1.0}, // paused by the user
+                        {"checking", false, false, "read error", 1.0},
+                        {"checking", true, true, "read error", 1.0},
+                        {"downloading", false, true, "", 1.0}};
     TempDir home;
     auto engine = makeEngine(home);
     for (const Row &row : rows) {
-        SCOPED_TRACE(std::string(row.state) + (row.paused ? " paused" : "") + " " + row.error);
+        SCOPED_TRACE(std::string(row.state) + (row.paused ? " paused" : "") + (row.autoManaged ? " queued" : "") + " "
+                     + row.error);
         TorrentStatus t = status("c", "C", 1);
         t.state = QString::fromLatin1(row.state);
         t.paused = row.paused;
+        t.autoManaged = row.autoManaged;
         t.error = QString::fromLatin1(row.error);
         engine->apply(snapshotOf({t}), {});
         EXPECT_EQ(engine->pollInterval(), row.interval);
@@ -249,4 +257,48 @@ TEST(TorrentEngineTest, BrokenFilesStartFromDefaultsAndTheDownloadDirCanBeOverri
     EXPECT_EQ(engine->settings().activeSeeds, AppSettings::defaults().activeSeeds);
     // Saved at start, so the override and the fresh random port stay.
     EXPECT_EQ(saved(home, "settings.json").value("downloadDirectory").toString(), downloads);
+}
+
+// A burst of asks while the queue is busy, as after thousands of commands in a row, makes one
+// status round once the queue is free, not one per ask; and a command sent meanwhile still
+// shows in the state its awaited refresh brings.
+TEST(TorrentEngineTest, StatusRoundsDoNotPileUpBehindABusyQueue)
+{
+    TempDir home;
+    auto engine = makeEngine(home);
+    TempDir content;
+    testsupport::writePatternFile(content.file("Film/film.bin"), 256 * 1024, 3);
+    const testsupport::MadeTorrent film = testsupport::makeTorrent(content.path(), "Film", content.file("torrents"));
+    const auto added = resultOf(engine->addTorrent(QString::fromStdString(film.torrentPath), content.qpath(),
+                                                   std::nullopt, false, false));
+    ASSERT_TRUE(added && std::holds_alternative<AddResult>(*added));
+    const QString id = std::get<AddResult>(*added).id;
+    ASSERT_TRUE(waitFor([&] { return engine->torrent(id).has_value(); }));
+    // Quiet: the one round under way from the add has been applied.
+    ASSERT_TRUE(finished(engine->refreshForAutomation()));
+
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> holding{false};
+    QCoro::Task<void> hold = engine->runOnQueue([released, &holding] {
+        holding = true;
+        released.wait();
+    });
+    ASSERT_TRUE(waitFor([&] { return holding.load(); }));
+    const quint64 before = engine->statusRounds();
+    for (int k = 0; k < 200; ++k)
+        engine->poll();
+    QCoro::Task<void> pausing = engine->pause({id});
+    for (int k = 0; k < 200; ++k)
+        engine->poll();
+    // The queue is held: the one round asked first (or one a timer sent before) waits behind
+    // it, the rest only mark that one more is wanted.
+    EXPECT_LE(engine->statusRounds(), before + 1);
+    release.set_value();
+    ASSERT_TRUE(finished(std::move(hold)));
+    ASSERT_TRUE(finished(std::move(pausing)));
+    ASSERT_TRUE(finished(engine->refreshForAutomation()));
+    EXPECT_TRUE(engine->torrent(id)->paused) << "the awaited refresh was taken after the pause";
+    // The held round, the one wanted behind it, the refresh's, and a timer's at most.
+    EXPECT_LE(engine->statusRounds(), before + 5);
 }

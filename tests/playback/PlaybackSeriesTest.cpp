@@ -102,8 +102,9 @@ protected:
 
     void addSeries()
     {
-        const auto added = engine->addTorrent(QString::fromStdString(series->torrentPath), home.qpath() + "/down",
-                                              std::nullopt, false, false);
+        const auto added = resultOf(engine->addTorrent(QString::fromStdString(series->torrentPath),
+                                                       home.qpath() + "/down", std::nullopt, false, false))
+                               .value_or(AddOutcome{EngineError{}});
         ASSERT_TRUE(std::holds_alternative<AddResult>(added));
         ASSERT_EQ(std::get<AddResult>(added).id, id());
     }

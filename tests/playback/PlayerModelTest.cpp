@@ -62,7 +62,8 @@ protected:
         hooks.makeCore = [this, coreStarts]() -> std::unique_ptr<PlayerCore> {
             return coreStarts ? std::make_unique<RecordingCore>(log) : nullptr;
         };
-        hooks.streamProgress = [this](const QString &, int) { return blockedShare; };
+        hooks.streamProgress = [this](QString, int) -> QCoro::Task<double> { co_return blockedShare; };
+        hooks.streamWaiting = [this](const QString &, int) { return blockedShare >= 0.0; };
         hooks.prefetch = [this](const QString &, int file, qint64, double) { prefetched.append(file); };
         return std::make_unique<PlayerModel>(engine.get(), hooks);
     }
@@ -96,13 +97,14 @@ protected:
                                  "Show/Show.S01E01.Commentary.mka", "Show/Subs/Show.S01E01.eng.srt"})
             writePatternFile(root + "/" + path, 40 * 1024);
         const MadeTorrent made = makeTorrent(root, "Show", home.file("torrents"));
-        const auto added = engine->addTorrent(QString::fromStdString(made.torrentPath), QString::fromStdString(root),
-                                              std::nullopt, false, false);
+        const auto added = resultOf(engine->addTorrent(QString::fromStdString(made.torrentPath),
+                                                       QString::fromStdString(root), std::nullopt, false, false))
+                               .value_or(AddOutcome{EngineError{}});
         if (!std::holds_alternative<AddResult>(added))
             return {};
         const QString id = std::get<AddResult>(added).id;
         seriesFiles = resultOf(engine->files(id)).value_or(QList<TorrentFile>());
-        engine->setPriority(id, {file("Show.S01E02.mkv").i}, FilePriority::skip);
+        finished(engine->setPriority(id, {file("Show.S01E02.mkv").i}, FilePriority::skip));
         return id;
     }
 
@@ -294,6 +296,8 @@ TEST_F(PlayerModelTest, SeeksAndSwitchesWhileTheStreamIsBlockedMakeOneReload)
     ASSERT_TRUE(waitFor([&] { return log->loads() == 1; }));
     EXPECT_EQ(lastLoadOptions(), QStringLiteral("force-media-title=%8%film.mkv,start=200.000,aid=2,sid=3"));
     EXPECT_EQ(log->valuesOf(QStringLiteral("cache-pause-wait")), QStringList{QStringLiteral("0.3")});
+    EXPECT_TRUE(waitFor([&] { return model->bufferProgress() == std::optional<double>(0.25); }))
+        << "the share of the awaited piece comes back from the engine's queue";
 
     // The reload's load brings the subtitle file back and chooses nothing anew; for the user it
     // is the same playback.

@@ -5,6 +5,7 @@
 // passes everything on, so a test can count the loads that real playback took.
 
 #include "playback/PlayerCore.h"
+#include "support/TaskResult.h"
 #include "support/TestSupport.h"
 
 #include <QCoroTask>
@@ -84,14 +85,4 @@ private:
     std::unique_ptr<PlayerCore> m_real;
 };
 
-// The result of a task, waited for with the event loop running; none when it never came.
-template <typename T>
-std::optional<T> resultOf(QCoro::Task<T> task)
-{
-    auto result = std::make_shared<std::optional<T>>();
-    [](QCoro::Task<T> owned, std::shared_ptr<std::optional<T>> out) -> QCoro::Task<> {
-        *out = co_await owned;
-    }(std::move(task), result);
-    testsupport::waitFor([&result] { return result->has_value(); });
-    return *result;
-}
+

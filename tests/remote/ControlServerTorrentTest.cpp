@@ -1,4 +1,5 @@
 #include "ControlServerHarness.h"
+#include "support/TaskResult.h"
 
 #include <QFile>
 
@@ -35,7 +36,8 @@ protected:
 TEST_F(ControlServerTorrentTest, AddWatchPrioritiseLimitAndRemove)
 {
     // The torrent's own order gives the indices; pad files may stand between.
-    const TorrentPreview preview = engine->preview(QString::fromStdString(made.torrentPath));
+    const TorrentPreview preview =
+        resultOf(engine->preview(QString::fromStdString(made.torrentPath))).value_or(TorrentPreview{});
     ASSERT_TRUE(preview.files);
     auto indexOf = [&preview](const char *name) {
         const auto found = std::find_if(preview.files->begin(), preview.files->end(),
