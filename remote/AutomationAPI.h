@@ -24,9 +24,9 @@ class TorrentEngine;
 // absolute and clean, deleting data takes the torrent's name as confirmation, and one command
 // runs at a time.
 //
-// Main thread only. call() suspends at the engine's reports; a second call that arrives
-// meanwhile is refused at once, not queued, so an agent never acts on state that changed under
-// it: it is told to read the state again and retry.
+// Main thread only. call() suspends at the engine's reports and commands; a second call that
+// arrives meanwhile is refused at once, not queued, so an agent never acts on state that changed
+// under it: it is told to read the state again and retry.
 class AutomationAPI : public QObject
 {
     Q_OBJECT

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up the machine, builds Velix with its tests and runs every test inside a network
-# namespace that has only loopback. Pass --sanitize for an AddressSanitizer+UBSan build.
+# namespace that has only loopback. Pass --sanitize for an AddressSanitizer+UBSan build, or
+# --sanitize=thread for a ThreadSanitizer build.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 build="$root/build"
@@ -9,6 +10,10 @@ if [ "${1:-}" = "--sanitize" ]; then
   build="$root/build-asan"
   extra=(-DVELIX_SANITIZE=ON -DVELIX_BENCH=OFF)
   export ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+elif [ "${1:-}" = "--sanitize=thread" ]; then
+  build="$root/build-tsan"
+  extra=(-DVELIX_TSAN=ON -DVELIX_BENCH=OFF)
+  export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 fi
 bash "$root/scripts/setup.sh"
 bash "$root/scripts/build.sh" "$build" -DVELIX_TESTS=ON "${extra[@]}"
