@@ -206,6 +206,9 @@ char *tb_status_json(tb_session *s)
                 o.i("uploadLimit", st.up_bandwidth_queue);
                 o.i("connectionsLimit", st.connections_limit);
                 o.i("uploadsLimit", st.uploads_limit);
+                // The rate limits themselves, in bytes per second, 0 for none.
+                o.i("downloadRateLimit", rec.download_limit);
+                o.i("uploadRateLimit", rec.upload_limit);
                 o.i("queue", static_cast<int>(st.queue_position));
                 o.i("pieces", st.num_pieces);
                 o.d("availability", st.distributed_copies);
@@ -217,6 +220,9 @@ char *tb_status_json(tb_session *s)
         return dup(out);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "status report failed: %s\n", e.what());
+        return dup("{}");
+    } catch (...) {
+        std::fprintf(stderr, "status report failed: %s\n", "unknown exception");
         return dup("{}");
     }
 }
@@ -253,6 +259,9 @@ char *tb_files_json(tb_session *s, const char *id)
         return dup(out);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "files report failed: %s\n", e.what());
+        return dup("[]");
+    } catch (...) {
+        std::fprintf(stderr, "files report failed: %s\n", "unknown exception");
         return dup("[]");
     }
 }
@@ -305,6 +314,9 @@ char *tb_peers_json(tb_session *s, const char *id)
         return dup(out);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "peers report failed: %s\n", e.what());
+        return dup("[]");
+    } catch (...) {
+        std::fprintf(stderr, "peers report failed: %s\n", "unknown exception");
         return dup("[]");
     }
 }
@@ -382,6 +394,9 @@ char *tb_trackers_json(tb_session *s, const char *id)
     } catch (const std::exception &e) {
         std::fprintf(stderr, "trackers report failed: %s\n", e.what());
         return dup("[]");
+    } catch (...) {
+        std::fprintf(stderr, "trackers report failed: %s\n", "unknown exception");
+        return dup("[]");
     }
 }
 
@@ -437,6 +452,9 @@ char *tb_diagnostics_json(tb_session *s)
     } catch (const std::exception &e) {
         std::fprintf(stderr, "diagnostics report failed: %s\n", e.what());
         return dup("{}");
+    } catch (...) {
+        std::fprintf(stderr, "diagnostics report failed: %s\n", "unknown exception");
+        return dup("{}");
     }
 }
 
@@ -465,6 +483,9 @@ char *tb_pieces(tb_session *s, const char *id, int file)
         return dup(out);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "pieces report failed: %s\n", e.what());
+        return dup("");
+    } catch (...) {
+        std::fprintf(stderr, "pieces report failed: %s\n", "unknown exception");
         return dup("");
     }
 }
@@ -511,6 +532,9 @@ char *tb_piece_states(tb_session *s, const char *id)
         return dup(out);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "piece states report failed: %s\n", e.what());
+        return dup("");
+    } catch (...) {
+        std::fprintf(stderr, "piece states report failed: %s\n", "unknown exception");
         return dup("");
     }
 }

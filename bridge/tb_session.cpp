@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <limits>
 #include <sys/stat.h>
@@ -139,16 +140,43 @@ void tb_session::write_state()
 {
     const lt::session_params params = session->session_state(lt::session::save_dht_state);
     const std::vector<char> bytes = lt::write_session_params_buf(params, lt::session::save_dht_state);
-    write_file(dir + "/session.state", bytes);
+    write_saved(dir + "/session.state", bytes);
+}
+
+bool tb_session::write_saved(const std::string &path, const std::vector<char> &bytes)
+{
+    int error = 0;
+    const bool written = write_file(path, bytes, &error);
+    std::lock_guard<std::mutex> guard(write_failures_lock);
+    if (written) {
+        failing_writes.erase(path);
+        return true;
+    }
+    // Each path is logged when it starts failing, not at every retry while the disk is full.
+    if (failing_writes.count(path) == 0)
+        std::fprintf(stderr, "bridge: could not write %s: %s\n", path.c_str(), std::strerror(error));
+    if (failing_writes.empty()) {
+        write_events.push_back(Event{"save_failed", "", "",
+                                     std::string("Не удалось сохранить состояние торрентов: ") + write_error_text(error)});
+    }
+    failing_writes.insert(path);
+    return false;
 }
 
 void tb_session::alert_loop()
 {
     std::vector<lt::alert *> alerts;
     while (!stop.load()) {
-        session->wait_for_alert(std::chrono::milliseconds(300));
-        alerts.clear();
-        session->pop_alerts(&alerts);
+        try {
+            session->wait_for_alert(std::chrono::milliseconds(300));
+            alerts.clear();
+            session->pop_alerts(&alerts);
+        } catch (...) {
+            // Nothing may leave this thread: an exception here would end the process.
+            std::fprintf(stderr, "bridge: taking alerts failed\n");
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            continue;
+        }
         for (lt::alert *alert : alerts)
             handle_alert(alert);
         const SteadyTime now = std::chrono::steady_clock::now();
@@ -172,6 +200,8 @@ void tb_session::alert_loop()
                 scan_banned_peers();
         } catch (const std::exception &e) {
             std::fprintf(stderr, "bridge scan failed: %s\n", e.what());
+        } catch (...) {
+            std::fprintf(stderr, "bridge scan failed\n");
         }
     }
 }
@@ -264,8 +294,16 @@ void tb_session::handle_alert(lt::alert *alert)
                 // write that was already on its way.
                 std::lock_guard<std::mutex> guard(mutex);
                 const std::string id = id_for_locked(a->handle);
-                if (!id.empty() && torrents.count(id) != 0)
-                    write_file(resume_path(id), bytes);
+                if (!id.empty() && torrents.count(id) != 0) {
+                    // A failed write keeps the last good file, from which the torrent comes
+                    // back at the next start; the next save asks for the data again.
+                    const bool written = write_saved(resume_path(id), bytes);
+                    std::lock_guard<std::mutex> failures(write_failures_lock);
+                    if (written)
+                        unsaved_resume.erase(id);
+                    else
+                        unsaved_resume.insert(id);
+                }
             }
             [[fallthrough]];
         }
@@ -390,6 +428,8 @@ void tb_session::handle_alert(lt::alert *alert)
         }
     } catch (const std::exception &e) {
         std::fprintf(stderr, "alert %s failed: %s\n", alert->what(), e.what());
+    } catch (...) {
+        std::fprintf(stderr, "alert %s failed\n", alert->what());
     }
 }
 
@@ -397,36 +437,59 @@ extern "C" {
 
 tb_session *tb_session_create(const char *dir, const char *settings)
 {
-    auto *s = new tb_session;
-    s->dir = dir ? dir : "";
-    ::mkdir(s->dir.c_str(), 0755);
-    ::mkdir((s->dir + "/resume").c_str(), 0755);
+    // Every step may throw (no memory, no threads, no sockets for the library's own wake-ups);
+    // the engine gets null and ends the program with a message instead of an abort.
+    std::unique_ptr<tb_session> s;
+    try {
+        s = std::make_unique<tb_session>();
+        s->dir = dir ? dir : "";
+        ::mkdir(s->dir.c_str(), 0755);
+        ::mkdir((s->dir + "/resume").c_str(), 0755);
 
-    lt::session_params params;
-    const std::vector<char> state = read_file(s->dir + "/session.state");
-    if (!state.empty()) {
+        lt::session_params params;
+        const std::vector<char> state = read_file(s->dir + "/session.state");
+        if (!state.empty()) {
+            try {
+                params = lt::read_session_params(state, lt::session::save_dht_state);
+            } catch (const std::exception &) {
+                // A corrupt state file costs only the DHT's memory; the next save replaces it.
+                params = lt::session_params();
+            }
+        }
+        // Settings always come from the text, never from the state file.
+        params.settings = make_pack(settings);
+        // Files are read and written with pread and pwrite, never through memory maps. A hash
+        // check through a map advises the kernel after every block that the pages are cold, and
+        // each such advice interrupts the other cores to flush their TLBs: a quarter of a check's
+        // time went there. Mapped pages also count as the process's own resident memory while a
+        // film streams. The text never names this setting, so applying it later keeps it.
+        params.settings.set_int(lt::settings_pack::mmap_file_size_cutoff, std::numeric_limits<int>::max());
+        params.settings.set_int(lt::settings_pack::disk_write_mode, lt::settings_pack::always_pwrite);
+        s->dht_nodes_idx = lt::find_metric_idx("dht.dht_nodes");
+        s->incoming_idx = lt::find_metric_idx("net.has_incoming_connections");
+        s->session = std::make_unique<lt::session>(std::move(params));
+        tb_session *raw = s.get();
+        s->thread = std::thread([raw] { raw->alert_loop(); });
+        s->restorer = std::thread([raw] { raw->load_resume_files(); });
+        return s.release();
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "bridge: the session could not start: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "bridge: the session could not start\n");
+    }
+    if (s) {
+        // A thread that did start must end before its session goes.
+        s->stop = true;
+        if (s->thread.joinable())
+            s->thread.join();
+        if (s->restorer.joinable())
+            s->restorer.join();
         try {
-            params = lt::read_session_params(state, lt::session::save_dht_state);
-        } catch (const std::exception &) {
-            // A corrupt state file costs only the DHT's memory; the next save replaces it.
-            params = lt::session_params();
+            s->session.reset();
+        } catch (...) {
         }
     }
-    // Settings always come from the text, never from the state file.
-    params.settings = make_pack(settings);
-    // Files are read and written with pread and pwrite, never through memory maps. A hash
-    // check through a map advises the kernel after every block that the pages are cold, and
-    // each such advice interrupts the other cores to flush their TLBs: a quarter of a check's
-    // time went there. Mapped pages also count as the process's own resident memory while a
-    // film streams. The text never names this setting, so applying it later keeps it.
-    params.settings.set_int(lt::settings_pack::mmap_file_size_cutoff, std::numeric_limits<int>::max());
-    params.settings.set_int(lt::settings_pack::disk_write_mode, lt::settings_pack::always_pwrite);
-    s->dht_nodes_idx = lt::find_metric_idx("dht.dht_nodes");
-    s->incoming_idx = lt::find_metric_idx("net.has_incoming_connections");
-    s->session = std::make_unique<lt::session>(std::move(params));
-    s->thread = std::thread([s] { s->alert_loop(); });
-    s->restorer = std::thread([s] { s->load_resume_files(); });
-    return s;
+    return nullptr;
 }
 
 bool tb_session_restoring(tb_session *s)
@@ -454,6 +517,8 @@ void tb_apply_settings(tb_session *s, const char *settings)
         s->session->apply_settings(std::move(pack));
     } catch (const std::exception &e) {
         std::fprintf(stderr, "apply settings failed: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "apply settings failed: %s\n", "unknown exception");
     }
 }
 
@@ -462,19 +527,26 @@ void tb_save_state(tb_session *s)
     if (!s)
         return;
     try {
-        std::vector<lt::torrent_handle> handles;
+        std::set<std::string> unsaved;
+        {
+            std::lock_guard<std::mutex> failures(s->write_failures_lock);
+            unsaved = s->unsaved_resume;
+        }
+        std::vector<std::pair<lt::torrent_handle, bool>> handles;
         {
             std::lock_guard<std::mutex> guard(s->mutex);
             for (const auto &[id, rec] : s->torrents)
-                handles.push_back(rec.handle);
+                handles.emplace_back(rec.handle, unsaved.count(id) != 0);
         }
-        for (const auto &h : handles) {
-            if (h.is_valid() && h.need_save_resume_data())
+        for (const auto &[h, retry] : handles) {
+            if (h.is_valid() && (retry || h.need_save_resume_data()))
                 h.save_resume_data(lt::torrent_handle::flush_disk_cache | lt::torrent_handle::save_info_dict);
         }
         s->write_state();
     } catch (const std::exception &e) {
         std::fprintf(stderr, "save state failed: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "save state failed\n");
     }
 }
 
@@ -484,10 +556,16 @@ void tb_session_destroy(tb_session *s)
         return;
     using namespace std::chrono;
     s->stop = true;
-    if (s->restorer.joinable())
-        s->restorer.join();
-    if (s->thread.joinable())
-        s->thread.join();
+    // Each step is guarded on its own: a step that throws must not keep the later ones, and
+    // above all the close of the library, from running.
+    try {
+        if (s->restorer.joinable())
+            s->restorer.join();
+        if (s->thread.joinable())
+            s->thread.join();
+    } catch (...) {
+        std::fprintf(stderr, "session shutdown: a bridge thread did not join\n");
+    }
     s->piece_reads_changed.notify_all();
 
     try {
@@ -533,28 +611,41 @@ void tb_session_destroy(tb_session *s)
             for (lt::alert *alert : alerts)
                 s->handle_alert(alert);
         }
-        s->write_state();
     } catch (const std::exception &e) {
         std::fprintf(stderr, "session shutdown: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "session shutdown: saving failed\n");
+    }
+    try {
+        s->write_state();
+    } catch (...) {
+        std::fprintf(stderr, "session shutdown: the session state was not saved\n");
     }
 
     // Closing the library can hang on a tracker or a disk; the user has already seen the
     // window go, so it gets 3 seconds and is then left to finish on its own.
-    auto proxy = std::make_shared<lt::session_proxy>(s->session->abort());
-    s->session.reset();
-    auto done = std::make_shared<std::atomic<bool>>(false);
-    std::thread closer([proxy = std::move(proxy), done]() mutable {
-        proxy.reset();
-        done->store(true);
-    });
-    const auto limit = steady_clock::now() + seconds(3);
-    while (!done->load() && steady_clock::now() < limit)
-        std::this_thread::sleep_for(milliseconds(20));
-    if (done->load())
-        closer.join();
-    else
-        closer.detach();
-    delete s;
+    try {
+        auto proxy = std::make_shared<lt::session_proxy>(s->session->abort());
+        s->session.reset();
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        std::thread closer([proxy = std::move(proxy), done]() mutable {
+            proxy.reset();
+            done->store(true);
+        });
+        const auto limit = steady_clock::now() + seconds(3);
+        while (!done->load() && steady_clock::now() < limit)
+            std::this_thread::sleep_for(milliseconds(20));
+        if (done->load())
+            closer.join();
+        else
+            closer.detach();
+    } catch (...) {
+        std::fprintf(stderr, "session shutdown: the library did not close cleanly\n");
+    }
+    try {
+        delete s;
+    } catch (...) {
+    }
 }
 
 void tb_free(void *pointer)
@@ -566,23 +657,33 @@ char *tb_poll_events(tb_session *s)
 {
     if (!s)
         return dup("[]");
-    std::vector<Event> taken;
-    {
-        std::lock_guard<std::mutex> guard(s->mutex);
-        taken.swap(s->events);
-    }
-    std::string out;
-    {
-        Arr arr(out);
-        for (const Event &e : taken) {
-            Obj o(arr.next());
-            o.s("type", e.type);
-            o.s("id", e.id);
-            o.s("name", e.name);
-            o.s("message", e.message);
+    try {
+        std::vector<Event> taken;
+        {
+            std::lock_guard<std::mutex> guard(s->mutex);
+            taken.swap(s->events);
         }
+        {
+            std::lock_guard<std::mutex> guard(s->write_failures_lock);
+            taken.insert(taken.end(), s->write_events.begin(), s->write_events.end());
+            s->write_events.clear();
+        }
+        std::string out;
+        {
+            Arr arr(out);
+            for (const Event &e : taken) {
+                Obj o(arr.next());
+                o.s("type", e.type);
+                o.s("id", e.id);
+                o.s("name", e.name);
+                o.s("message", e.message);
+            }
+        }
+        return dup(out);
+    } catch (...) {
+        std::fprintf(stderr, "bridge: events could not be reported\n");
+        return dup("[]");
     }
-    return dup(out);
 }
 
 } // extern "C"

@@ -41,6 +41,12 @@ struct TorrentRec
     std::string missing;
     // total_done when the file progress was last read; -1 when it must be read again.
     int64_t scanned_done = -1;
+    // The presence file on disk is behind `present`: its last write failed.
+    bool presence_unsaved = false;
+    // The limits last set, in bytes per second, 0 for none. The library's status has no field
+    // for them, and asking the handle costs a trip to its thread for each torrent of a report.
+    int64_t download_limit = 0;
+    int64_t upload_limit = 0;
 };
 
 struct Event
@@ -108,6 +114,18 @@ struct tb_session
     std::condition_variable save_done;
     int32_t pending_saves = 0;
 
+    // Writes that failed, so that a full disk is told once and not once a file. Taken after
+    // `mutex` (the resume and presence writes hold it), never before it.
+    std::mutex write_failures_lock;
+    // Paths whose last write failed; the user hears of the first and then of none until all
+    // of them were written again.
+    std::set<std::string> failing_writes;
+    // Ids whose resume data didn't reach the disk: asked again at the next save whether or not
+    // the library thinks they changed, since it counts them as saved.
+    std::set<std::string> unsaved_resume;
+    // Events about failed writes, handed out with the others by tb_poll_events.
+    std::vector<Event> write_events;
+
     // The id each handle was added under. A hybrid torrent's best hash changes when a magnet's
     // metadata arrives, so ids are never recomputed from a handle. Guarded by `mutex`.
     std::map<lt::torrent_handle, std::string> handle_ids;
@@ -133,7 +151,10 @@ struct tb_session
     void check_files(const std::string &id, TorrentRec &rec);
     // The same with a status already taken with the save path and the torrent file.
     void check_files(const std::string &id, TorrentRec &rec, const lt::torrent_status &st);
-    void save_presence(const std::string &id, const TorrentRec &rec);
+    void save_presence(const std::string &id, TorrentRec &rec);
+    // Writes one of the bridge's files whole; a failure is logged with the path and the error
+    // and, when it is the first of its kind, told to the engine as a "save_failed" event.
+    bool write_saved(const std::string &path, const std::vector<char> &bytes);
     void forget_pieces(const std::string &id);
     void apply_trackers(TorrentRec &rec);
     void trim_piece_cache();

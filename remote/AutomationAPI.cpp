@@ -78,6 +78,8 @@ QJsonObject encode(const TorrentStatus &t)
         {QStringLiteral("uploadLimit"), t.uploadLimit},
         {QStringLiteral("connectionsLimit"), t.connectionsLimit},
         {QStringLiteral("uploadsLimit"), t.uploadsLimit},
+        {QStringLiteral("downloadRateLimit"), t.downloadRateLimit},
+        {QStringLiteral("uploadRateLimit"), t.uploadRateLimit},
         {QStringLiteral("queue"), t.queue},
         {QStringLiteral("pieces"), t.pieces},
         {QStringLiteral("availability"), t.availability},
@@ -438,9 +440,9 @@ AutomationOutcome AutomationAPI::setTorrentLimits(const QString &id, const QJson
         return v.isUndefined() ? present : static_cast<qint64>(v.toDouble());
     };
     // A limit not given keeps what the torrent has; the rates come back from the status in
-    // bytes, where a negative value means none.
-    const qint64 downloadKiB = given("download_kib", std::max<qint64>(status.downloadLimit, 0) / 1024);
-    const qint64 uploadKiB = given("upload_kib", std::max<qint64>(status.uploadLimit, 0) / 1024);
+    // bytes, 0 for none.
+    const qint64 downloadKiB = given("download_kib", std::max<qint64>(status.downloadRateLimit, 0) / 1024);
+    const qint64 uploadKiB = given("upload_kib", std::max<qint64>(status.uploadRateLimit, 0) / 1024);
     const qint64 connections = given("connections", status.connectionsLimit);
     const qint64 uploadSlots = given("upload_slots", status.uploadsLimit);
     // The schema keeps the rates at most 2097151 KiB/s, so the bytes fit in 32 bits.
