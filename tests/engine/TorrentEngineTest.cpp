@@ -1,6 +1,5 @@
 #include "engine/TorrentEngine.h"
 
-#include "engine/DebouncedSave.h"
 #include "engine/Storage.h"
 #include "support/LocalSwarm.h"
 #include "support/SmallDisk.h"
@@ -276,23 +275,6 @@ TEST(TorrentEngineTest, ChangesThatKeepComingReachTheDiskWhileTheyCome)
     }
     EXPECT_TRUE(settingsSeen) << "settings were not saved while they kept changing";
     EXPECT_TRUE(metaSeen) << "the meta was not saved while it kept changing";
-}
-
-TEST(TorrentEngineTest, SaveIsDueAfterTheQuietTimeButNeverPastTheLimit)
-{
-    using std::chrono::milliseconds;
-    struct Row
-    {
-        int now;      // ms after the first unsaved change
-        int expected; // ms after the first unsaved change
-    };
-    // Quiet 500 ms, limit 1500 ms.
-    const std::array<Row, 5> rows{{{0, 500}, {900, 1400}, {1000, 1500}, {1400, 1500}, {4000, 1500}}};
-    const auto first = std::chrono::steady_clock::time_point(std::chrono::seconds(100));
-    for (const Row &row : rows) {
-        const auto due = saveDue(first + milliseconds(row.now), first, milliseconds(500), milliseconds(1500));
-        EXPECT_EQ(std::chrono::duration_cast<milliseconds>(due - first).count(), row.expected) << "change at " << row.now;
-    }
 }
 
 TEST(TorrentEngineTest, UnreadableFilesAreKeptAsideBeforeDefaultsTakeTheirPlace)
