@@ -257,8 +257,9 @@ TEST(ProcessTest, KilledAtRandomMomentsItKeepsSettingsLibraryAndDataAndFinishesT
         const auto settings = wholeJson(home + "/settings.json");
         const auto library = wholeJson(home + "/library.json");
         wholeJson(home + "/torrents.json");
-        if (added)
+        if (added) {
             EXPECT_TRUE(std::filesystem::exists(home + "/state/resume/" + film.id + ".resume")) << "the torrent is on record";
+        }
         // A setting changed more than the save's limit (1.5 s) before the kill is there, with a
         // margin for a loaded machine; the layout is saved at the moment it is chosen.
         ASSERT_TRUE(settings.has_value());
