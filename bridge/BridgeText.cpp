@@ -1,5 +1,6 @@
 #include "bridge/BridgeText.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,37 +26,54 @@ std::vector<char> read_file(const std::string &path)
     return bytes;
 }
 
-bool write_file(const std::string &path, const std::vector<char> &bytes)
+bool write_file(const std::string &path, const std::vector<char> &bytes, int *error)
 {
     const std::string tmp = path + ".tmp";
+    int failure = 0;
     const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return false;
-    bool ok = true;
-    size_t written = 0;
-    while (ok && written < bytes.size()) {
-        const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
-        if (n < 0)
-            ok = false;
-        else
-            written += static_cast<size_t>(n);
+    if (fd < 0) {
+        failure = errno;
+    } else {
+        size_t written = 0;
+        while (!failure && written < bytes.size()) {
+            const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+            if (n < 0 && errno != EINTR)
+                failure = errno;
+            else if (n > 0)
+                written += static_cast<size_t>(n);
+        }
+        // Without the flush a crash after the rename could leave an empty file in the old one's
+        // place, which is worse than the old content.
+        if (!failure && ::fsync(fd) != 0)
+            failure = errno;
+        if (::close(fd) != 0 && !failure)
+            failure = errno;
+        if (!failure && std::rename(tmp.c_str(), path.c_str()) != 0)
+            failure = errno;
+        if (failure)
+            std::remove(tmp.c_str());
     }
-    // Without the flush a crash after the rename could leave an empty file in the old one's
-    // place, which is worse than the old content.
-    if (ok && ::fsync(fd) != 0)
-        ok = false;
-    if (::close(fd) != 0)
-        ok = false;
-    if (ok && std::rename(tmp.c_str(), path.c_str()) != 0)
-        ok = false;
-    if (!ok)
-        std::remove(tmp.c_str());
-    return ok;
+    if (error)
+        *error = failure;
+    return failure == 0;
 }
 
-bool write_file(const std::string &path, const std::string &text)
+bool write_file(const std::string &path, const std::string &text, int *error)
 {
-    return write_file(path, std::vector<char>(text.begin(), text.end()));
+    return write_file(path, std::vector<char>(text.begin(), text.end()), error);
+}
+
+const char *write_error_text(int error)
+{
+    switch (error) {
+    case ENOSPC: return "нет места на диске";
+    case EDQUOT: return "превышена дисковая квота";
+    case EROFS: return "диск доступен только для чтения";
+    case EACCES:
+    case EPERM: return "нет прав на запись";
+    case EIO: return "ошибка ввода-вывода";
+    default: return "ошибка записи";
+    }
 }
 
 std::vector<std::string> lines(const char *text)

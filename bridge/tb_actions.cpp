@@ -91,12 +91,17 @@ void tb_session::check_files(const std::string &id, TorrentRec &rec)
     } catch (const std::exception &e) {
         // The handle was removed meanwhile; the next scan no longer sees it.
         std::fprintf(stderr, "check files failed: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "check files failed: %s\n", "unknown exception");
     }
 }
 
 void tb_session::check_files(const std::string &id, TorrentRec &rec, const lt::torrent_status &st)
 {
     try {
+        // A presence file that didn't reach the disk is written again on the next round.
+        if (rec.presence_unsaved)
+            save_presence(id, rec);
         if (!rec.missing.empty() || !rec.handle.is_valid())
             return;
         const std::shared_ptr<const lt::torrent_info> info = st.torrent_file.lock();
@@ -165,6 +170,8 @@ void tb_session::check_files(const std::string &id, TorrentRec &rec, const lt::t
         event("error", id, info->name(), rec.missing);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "check files failed: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "check files failed: %s\n", "unknown exception");
     }
 }
 
@@ -172,7 +179,12 @@ void tb_session::save_presence(const std::string &id, const TorrentRec &rec)
 {
     const std::string text = presence_text(rec.present);
     post_work([this, id, bytes = std::vector<char>(text.begin(), text.end())] {
-        write_torrent_file(id, presence_path(id), bytes);
+        const bool written = write_torrent_file(id, presence_path(id), bytes);
+        // The next file scan writes a presence file that didn't reach the disk again.
+        std::lock_guard<std::mutex> guard(mutex);
+        const auto it = torrents.find(id);
+        if (it != torrents.end())
+            it->second.presence_unsaved = !written;
     });
 }
 
@@ -278,6 +290,9 @@ bool tb_action(tb_session *s, const char *id, const char *word)
     } catch (const std::exception &e) {
         std::fprintf(stderr, "action %s failed: %s\n", word, e.what());
         return false;
+    } catch (...) {
+        std::fprintf(stderr, "action %s failed: %s\n", word, "unknown exception");
+        return false;
     }
 }
 
@@ -307,6 +322,9 @@ bool tb_set_file_priorities(tb_session *s, const char *id, const int32_t *files,
     } catch (const std::exception &e) {
         std::fprintf(stderr, "set file priorities failed: %s\n", e.what());
         return false;
+    } catch (...) {
+        std::fprintf(stderr, "set file priorities failed: %s\n", "unknown exception");
+        return false;
     }
 }
 
@@ -316,9 +334,18 @@ bool tb_set_limits(tb_session *s, const char *id, int32_t download, int32_t uplo
     if (!s || !id)
         return false;
     try {
-        const lt::torrent_handle h = s->find(id);
-        if (!h.is_valid())
-            return false;
+        lt::torrent_handle h;
+        {
+            std::lock_guard<std::mutex> guard(s->mutex);
+            const auto it = s->torrents.find(id);
+            if (it == s->torrents.end() || !it->second.handle.is_valid())
+                return false;
+            h = it->second.handle;
+            // Kept where the status report can read them back, so that a caller that changes
+            // one limit can keep the others.
+            it->second.download_limit = std::max<int64_t>(download, 0);
+            it->second.upload_limit = std::max<int64_t>(upload, 0);
+        }
         // libtorrent reads a rate of 0 or less as no limit.
         h.set_download_limit(download);
         h.set_upload_limit(upload);
@@ -329,6 +356,9 @@ bool tb_set_limits(tb_session *s, const char *id, int32_t download, int32_t uplo
         return true;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "set limits failed: %s\n", e.what());
+        return false;
+    } catch (...) {
+        std::fprintf(stderr, "set limits failed: %s\n", "unknown exception");
         return false;
     }
 }
@@ -349,6 +379,9 @@ bool tb_add_trackers(tb_session *s, const char *id, const char *urls)
     } catch (const std::exception &e) {
         std::fprintf(stderr, "add trackers failed: %s\n", e.what());
         return false;
+    } catch (...) {
+        std::fprintf(stderr, "add trackers failed: %s\n", "unknown exception");
+        return false;
     }
 }
 
@@ -365,6 +398,9 @@ bool tb_move_storage(tb_session *s, const char *id, const char *path)
         return true;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "move storage failed: %s\n", e.what());
+        return false;
+    } catch (...) {
+        std::fprintf(stderr, "move storage failed: %s\n", "unknown exception");
         return false;
     }
 }

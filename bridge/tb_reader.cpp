@@ -465,6 +465,9 @@ tb_reader *tb_reader_open(tb_session *s, const char *id, int file)
     } catch (const std::exception &e) {
         std::fprintf(stderr, "reader open failed: %s\n", e.what());
         return nullptr;
+    } catch (...) {
+        std::fprintf(stderr, "reader open failed: %s\n", "unknown exception");
+        return nullptr;
     }
 }
 
@@ -477,6 +480,10 @@ int64_t tb_reader_read(tb_reader *r, void *buffer, int64_t length)
     } catch (const std::exception &e) {
         if (reader_log_enabled())
             std::fprintf(stderr, "reader read failed: %s\n", e.what());
+        return -1;
+    } catch (...) {
+        if (reader_log_enabled())
+            std::fprintf(stderr, "reader read failed: %s\n", "unknown exception");
         return -1;
     }
 }
@@ -501,6 +508,9 @@ int64_t tb_reader_seek(tb_reader *r, int64_t offset)
         // The next read finds out whether the torrent is still there.
         if (reader_log_enabled())
             std::fprintf(stderr, "reader seek window failed: %s\n", e.what());
+    } catch (...) {
+        if (reader_log_enabled())
+            std::fprintf(stderr, "reader seek window failed: %s\n", "unknown exception");
     }
     return offset;
 }
@@ -535,6 +545,8 @@ void tb_reader_close(tb_reader *r)
         r->release();
     } catch (const std::exception &e) {
         std::fprintf(stderr, "reader release failed: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "reader release failed: %s\n", "unknown exception");
     }
     delete r;
 }
@@ -581,6 +593,8 @@ void tb_prefetch(tb_session *s, const char *id, int file, int64_t bytes, double 
         }
     } catch (const std::exception &e) {
         std::fprintf(stderr, "prefetch failed: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "prefetch failed: %s\n", "unknown exception");
     }
 }
 

@@ -207,6 +207,9 @@ char *tb_status_json(tb_session *s)
                 o.i("uploadLimit", st.up_bandwidth_queue);
                 o.i("connectionsLimit", st.connections_limit);
                 o.i("uploadsLimit", st.uploads_limit);
+                // The rate limits themselves, in bytes per second, 0 for none.
+                o.i("downloadRateLimit", rec.download_limit);
+                o.i("uploadRateLimit", rec.upload_limit);
                 o.i("queue", static_cast<int>(st.queue_position));
                 o.i("pieces", st.num_pieces);
                 o.d("availability", st.distributed_copies);
@@ -218,6 +221,9 @@ char *tb_status_json(tb_session *s)
         return dup(out);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "status report failed: %s\n", e.what());
+        return dup("{}");
+    } catch (...) {
+        std::fprintf(stderr, "status report failed: %s\n", "unknown exception");
         return dup("{}");
     }
 }
@@ -254,6 +260,9 @@ char *tb_files_json(tb_session *s, const char *id)
         return dup(out);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "files report failed: %s\n", e.what());
+        return dup("[]");
+    } catch (...) {
+        std::fprintf(stderr, "files report failed: %s\n", "unknown exception");
         return dup("[]");
     }
 }
@@ -306,6 +315,9 @@ char *tb_peers_json(tb_session *s, const char *id)
         return dup(out);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "peers report failed: %s\n", e.what());
+        return dup("[]");
+    } catch (...) {
+        std::fprintf(stderr, "peers report failed: %s\n", "unknown exception");
         return dup("[]");
     }
 }
@@ -383,6 +395,9 @@ char *tb_trackers_json(tb_session *s, const char *id)
     } catch (const std::exception &e) {
         std::fprintf(stderr, "trackers report failed: %s\n", e.what());
         return dup("[]");
+    } catch (...) {
+        std::fprintf(stderr, "trackers report failed: %s\n", "unknown exception");
+        return dup("[]");
     }
 }
 
@@ -438,6 +453,9 @@ char *tb_diagnostics_json(tb_session *s)
     } catch (const std::exception &e) {
         std::fprintf(stderr, "diagnostics report failed: %s\n", e.what());
         return dup("{}");
+    } catch (...) {
+        std::fprintf(stderr, "diagnostics report failed: %s\n", "unknown exception");
+        return dup("{}");
     }
 }
 
@@ -466,6 +484,9 @@ char *tb_pieces(tb_session *s, const char *id, int file)
         return dup(out);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "pieces report failed: %s\n", e.what());
+        return dup("");
+    } catch (...) {
+        std::fprintf(stderr, "pieces report failed: %s\n", "unknown exception");
         return dup("");
     }
 }
@@ -512,6 +533,9 @@ char *tb_piece_states(tb_session *s, const char *id)
         return dup(out);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "piece states report failed: %s\n", e.what());
+        return dup("");
+    } catch (...) {
+        std::fprintf(stderr, "piece states report failed: %s\n", "unknown exception");
         return dup("");
     }
 }

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <limits>
 #include <sys/stat.h>
@@ -160,6 +161,8 @@ void tb_session::worker_loop()
             job();
         } catch (const std::exception &e) {
             std::fprintf(stderr, "bridge worker job failed: %s\n", e.what());
+        } catch (...) {
+            std::fprintf(stderr, "bridge worker job failed\n");
         }
         std::lock_guard<std::mutex> guard(worker_lock);
         worker_busy = false;
@@ -168,15 +171,34 @@ void tb_session::worker_loop()
     }
 }
 
-void tb_session::write_torrent_file(const std::string &id, const std::string &path, const std::vector<char> &bytes)
+bool tb_session::write_torrent_file(const std::string &id, const std::string &path, const std::vector<char> &bytes)
 {
     std::lock_guard<std::mutex> files(files_lock);
     {
         std::lock_guard<std::mutex> guard(mutex);
+        // A removed torrent has nothing left to save.
         if (id.empty() || torrents.count(id) == 0)
-            return;
+            return true;
     }
-    write_file(path, bytes);
+    return write_saved(path, bytes);
+}
+
+int32_t tb_session::retry_unsaved(lt::resume_data_flags_t flags)
+{
+    std::set<std::string> unsaved;
+    {
+        std::lock_guard<std::mutex> failures(write_failures_lock);
+        unsaved = unsaved_resume;
+    }
+    int32_t asked = 0;
+    for (const std::string &id : unsaved) {
+        const lt::torrent_handle handle = find(id);
+        if (!handle.is_valid())
+            continue;
+        handle.save_resume_data(flags);
+        ++asked;
+    }
+    return asked;
 }
 
 int32_t tb_session::save_changed(lt::resume_data_flags_t flags)
@@ -219,16 +241,43 @@ void tb_session::write_state()
 {
     const lt::session_params params = session->session_state(lt::session::save_dht_state);
     const std::vector<char> bytes = lt::write_session_params_buf(params, lt::session::save_dht_state);
-    write_file(dir + "/session.state", bytes);
+    write_saved(dir + "/session.state", bytes);
+}
+
+bool tb_session::write_saved(const std::string &path, const std::vector<char> &bytes)
+{
+    int error = 0;
+    const bool written = write_file(path, bytes, &error);
+    std::lock_guard<std::mutex> guard(write_failures_lock);
+    if (written) {
+        failing_writes.erase(path);
+        return true;
+    }
+    // Each path is logged when it starts failing, not at every retry while the disk is full.
+    if (failing_writes.count(path) == 0)
+        std::fprintf(stderr, "bridge: could not write %s: %s\n", path.c_str(), std::strerror(error));
+    if (failing_writes.empty()) {
+        write_events.push_back(Event{"save_failed", "", "",
+                                     std::string("Не удалось сохранить состояние торрентов: ") + write_error_text(error)});
+    }
+    failing_writes.insert(path);
+    return false;
 }
 
 void tb_session::alert_loop()
 {
     std::vector<lt::alert *> alerts;
     while (!stop.load()) {
-        session->wait_for_alert(std::chrono::milliseconds(300));
-        alerts.clear();
-        session->pop_alerts(&alerts);
+        try {
+            session->wait_for_alert(std::chrono::milliseconds(300));
+            alerts.clear();
+            session->pop_alerts(&alerts);
+        } catch (...) {
+            // Nothing may leave this thread: an exception here would end the process.
+            std::fprintf(stderr, "bridge: taking alerts failed\n");
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            continue;
+        }
         for (lt::alert *alert : alerts)
             handle_alert(alert);
         const SteadyTime now = std::chrono::steady_clock::now();
@@ -388,7 +437,16 @@ void tb_session::handle_alert(lt::alert *alert)
             // The write with its fsync goes to the worker; the save counts as done once the
             // file is on disk, so a shutdown that waits for its saves waits for the files.
             post_work([this, id, bytes = lt::write_resume_data_buf(a->params)] {
-                write_torrent_file(id, resume_path(id), bytes);
+                // A failed write keeps the last good file, from which the torrent comes back at
+                // the next start; the next save asks for the data again.
+                const bool written = write_torrent_file(id, resume_path(id), bytes);
+                {
+                    std::lock_guard<std::mutex> failures(write_failures_lock);
+                    if (written)
+                        unsaved_resume.erase(id);
+                    else
+                        unsaved_resume.insert(id);
+                }
                 {
                     std::lock_guard<std::mutex> guard(save_mutex);
                     if (pending_saves > 0)
@@ -506,6 +564,8 @@ void tb_session::handle_alert(lt::alert *alert)
         }
     } catch (const std::exception &e) {
         std::fprintf(stderr, "alert %s failed: %s\n", alert->what(), e.what());
+    } catch (...) {
+        std::fprintf(stderr, "alert %s failed\n", alert->what());
     }
 }
 
@@ -513,37 +573,67 @@ extern "C" {
 
 tb_session *tb_session_create(const char *dir, const char *settings)
 {
-    auto *s = new tb_session;
-    s->dir = dir ? dir : "";
-    ::mkdir(s->dir.c_str(), 0755);
-    ::mkdir((s->dir + "/resume").c_str(), 0755);
+    // Every step may throw (no memory, no threads, no sockets for the library's own wake-ups);
+    // the engine gets null and ends the program with a message instead of an abort.
+    std::unique_ptr<tb_session> s;
+    try {
+        s = std::make_unique<tb_session>();
+        s->dir = dir ? dir : "";
+        ::mkdir(s->dir.c_str(), 0755);
+        ::mkdir((s->dir + "/resume").c_str(), 0755);
 
-    lt::session_params params;
-    const std::vector<char> state = read_file(s->dir + "/session.state");
-    if (!state.empty()) {
+        lt::session_params params;
+        const std::vector<char> state = read_file(s->dir + "/session.state");
+        if (!state.empty()) {
+            try {
+                params = lt::read_session_params(state, lt::session::save_dht_state);
+            } catch (const std::exception &) {
+                // A corrupt state file costs only the DHT's memory; the next save replaces it.
+                params = lt::session_params();
+            }
+        }
+        // Settings always come from the text, never from the state file.
+        params.settings = make_pack(settings);
+        // Files are read and written with pread and pwrite, never through memory maps. A hash
+        // check through a map advises the kernel after every block that the pages are cold, and
+        // each such advice interrupts the other cores to flush their TLBs: a quarter of a check's
+        // time went there. Mapped pages also count as the process's own resident memory while a
+        // film streams. The text never names this setting, so applying it later keeps it.
+        params.settings.set_int(lt::settings_pack::mmap_file_size_cutoff, std::numeric_limits<int>::max());
+        params.settings.set_int(lt::settings_pack::disk_write_mode, lt::settings_pack::always_pwrite);
+        s->dht_nodes_idx = lt::find_metric_idx("dht.dht_nodes");
+        s->incoming_idx = lt::find_metric_idx("net.has_incoming_connections");
+        s->session = std::make_unique<lt::session>(std::move(params));
+        tb_session *raw = s.get();
+        s->worker = std::thread([raw] { raw->worker_loop(); });
+        s->thread = std::thread([raw] { raw->alert_loop(); });
+        s->restorer = std::thread([raw] { raw->load_resume_files(); });
+        return s.release();
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "bridge: the session could not start: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "bridge: the session could not start\n");
+    }
+    if (s) {
+        // A thread that did start must end before its session goes.
+        s->stop = true;
+        if (s->thread.joinable())
+            s->thread.join();
+        if (s->restorer.joinable())
+            s->restorer.join();
+        {
+            std::lock_guard<std::mutex> guard(s->worker_lock);
+            s->worker_stop = true;
+            s->worker_wake.notify_all();
+        }
+        if (s->worker.joinable())
+            s->worker.join();
         try {
-            params = lt::read_session_params(state, lt::session::save_dht_state);
-        } catch (const std::exception &) {
-            // A corrupt state file costs only the DHT's memory; the next save replaces it.
-            params = lt::session_params();
+            s->session.reset();
+        } catch (...) {
         }
     }
-    // Settings always come from the text, never from the state file.
-    params.settings = make_pack(settings);
-    // Files are read and written with pread and pwrite, never through memory maps. A hash
-    // check through a map advises the kernel after every block that the pages are cold, and
-    // each such advice interrupts the other cores to flush their TLBs: a quarter of a check's
-    // time went there. Mapped pages also count as the process's own resident memory while a
-    // film streams. The text never names this setting, so applying it later keeps it.
-    params.settings.set_int(lt::settings_pack::mmap_file_size_cutoff, std::numeric_limits<int>::max());
-    params.settings.set_int(lt::settings_pack::disk_write_mode, lt::settings_pack::always_pwrite);
-    s->dht_nodes_idx = lt::find_metric_idx("dht.dht_nodes");
-    s->incoming_idx = lt::find_metric_idx("net.has_incoming_connections");
-    s->session = std::make_unique<lt::session>(std::move(params));
-    s->worker = std::thread([s] { s->worker_loop(); });
-    s->thread = std::thread([s] { s->alert_loop(); });
-    s->restorer = std::thread([s] { s->load_resume_files(); });
-    return s;
+    return nullptr;
 }
 
 bool tb_session_restoring(tb_session *s)
@@ -571,6 +661,8 @@ void tb_apply_settings(tb_session *s, const char *settings)
         s->session->apply_settings(std::move(pack));
     } catch (const std::exception &e) {
         std::fprintf(stderr, "apply settings failed: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "apply settings failed: %s\n", "unknown exception");
     }
 }
 
@@ -579,10 +671,14 @@ void tb_save_state(tb_session *s)
     if (!s)
         return;
     try {
-        s->save_changed(lt::torrent_handle::flush_disk_cache | lt::torrent_handle::save_info_dict);
+        const lt::resume_data_flags_t flags = lt::torrent_handle::flush_disk_cache | lt::torrent_handle::save_info_dict;
+        s->save_changed(flags);
+        s->retry_unsaved(flags);
         s->post_work([s] { s->write_state(); });
     } catch (const std::exception &e) {
         std::fprintf(stderr, "save state failed: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "save state failed\n");
     }
 }
 
@@ -592,10 +688,16 @@ void tb_session_destroy(tb_session *s)
         return;
     using namespace std::chrono;
     s->stop = true;
-    if (s->restorer.joinable())
-        s->restorer.join();
-    if (s->thread.joinable())
-        s->thread.join();
+    // Each step is guarded on its own: a step that throws must not keep the later ones, and
+    // above all the close of the library, from running.
+    try {
+        if (s->restorer.joinable())
+            s->restorer.join();
+        if (s->thread.joinable())
+            s->thread.join();
+    } catch (...) {
+        std::fprintf(stderr, "session shutdown: a bridge thread did not join\n");
+    }
     s->piece_reads_changed.notify_all();
 
     try {
@@ -610,8 +712,8 @@ void tb_session_destroy(tb_session *s)
 
         // Only torrents that changed since their last save: the others' files on disk are
         // already what a save would write, and asking all of a big library cost seconds.
-        const int32_t asked =
-            s->save_changed(lt::torrent_handle::flush_disk_cache | lt::torrent_handle::save_info_dict);
+        const lt::resume_data_flags_t flags = lt::torrent_handle::flush_disk_cache | lt::torrent_handle::save_info_dict;
+        const int32_t asked = s->save_changed(flags) + s->retry_unsaved(flags);
         {
             std::lock_guard<std::mutex> guard(s->save_mutex);
             s->pending_saves += asked;
@@ -634,38 +736,51 @@ void tb_session_destroy(tb_session *s)
         }
     } catch (const std::exception &e) {
         std::fprintf(stderr, "session shutdown: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "session shutdown: saving failed\n");
     }
     // The worker ends once the writes queued so far are done; the state is written last.
-    {
-        std::lock_guard<std::mutex> guard(s->worker_lock);
-        s->worker_stop = true;
-        s->worker_wake.notify_all();
+    try {
+        {
+            std::lock_guard<std::mutex> guard(s->worker_lock);
+            s->worker_stop = true;
+            s->worker_wake.notify_all();
+        }
+        if (s->worker.joinable())
+            s->worker.join();
+    } catch (...) {
+        std::fprintf(stderr, "session shutdown: the bridge worker did not end\n");
     }
-    if (s->worker.joinable())
-        s->worker.join();
     try {
         s->write_state();
-    } catch (const std::exception &e) {
-        std::fprintf(stderr, "session shutdown: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "session shutdown: the session state was not saved\n");
     }
 
     // Closing the library can hang on a tracker or a disk; the user has already seen the
     // window go, so it gets 3 seconds and is then left to finish on its own.
-    auto proxy = std::make_shared<lt::session_proxy>(s->session->abort());
-    s->session.reset();
-    auto done = std::make_shared<std::atomic<bool>>(false);
-    std::thread closer([proxy = std::move(proxy), done]() mutable {
-        proxy.reset();
-        done->store(true);
-    });
-    const auto limit = steady_clock::now() + seconds(3);
-    while (!done->load() && steady_clock::now() < limit)
-        std::this_thread::sleep_for(milliseconds(20));
-    if (done->load())
-        closer.join();
-    else
-        closer.detach();
-    delete s;
+    try {
+        auto proxy = std::make_shared<lt::session_proxy>(s->session->abort());
+        s->session.reset();
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        std::thread closer([proxy = std::move(proxy), done]() mutable {
+            proxy.reset();
+            done->store(true);
+        });
+        const auto limit = steady_clock::now() + seconds(3);
+        while (!done->load() && steady_clock::now() < limit)
+            std::this_thread::sleep_for(milliseconds(20));
+        if (done->load())
+            closer.join();
+        else
+            closer.detach();
+    } catch (...) {
+        std::fprintf(stderr, "session shutdown: the library did not close cleanly\n");
+    }
+    try {
+        delete s;
+    } catch (...) {
+    }
 }
 
 void tb_free(void *pointer)
@@ -677,23 +792,33 @@ char *tb_poll_events(tb_session *s)
 {
     if (!s)
         return dup("[]");
-    std::vector<Event> taken;
-    {
-        std::lock_guard<std::mutex> guard(s->report_lock);
-        taken.swap(s->events);
-    }
-    std::string out;
-    {
-        Arr arr(out);
-        for (const Event &e : taken) {
-            Obj o(arr.next());
-            o.s("type", e.type);
-            o.s("id", e.id);
-            o.s("name", e.name);
-            o.s("message", e.message);
+    try {
+        std::vector<Event> taken;
+        {
+            std::lock_guard<std::mutex> guard(s->report_lock);
+            taken.swap(s->events);
         }
+        {
+            std::lock_guard<std::mutex> guard(s->write_failures_lock);
+            taken.insert(taken.end(), s->write_events.begin(), s->write_events.end());
+            s->write_events.clear();
+        }
+        std::string out;
+        {
+            Arr arr(out);
+            for (const Event &e : taken) {
+                Obj o(arr.next());
+                o.s("type", e.type);
+                o.s("id", e.id);
+                o.s("name", e.name);
+                o.s("message", e.message);
+            }
+        }
+        return dup(out);
+    } catch (...) {
+        std::fprintf(stderr, "bridge: events could not be reported\n");
+        return dup("[]");
     }
-    return dup(out);
 }
 
 } // extern "C"

@@ -43,6 +43,12 @@ struct TorrentRec
     std::string missing;
     // total_done when the file progress was last read; -1 when it must be read again.
     int64_t scanned_done = -1;
+    // The presence file on disk is behind `present`: its last write failed.
+    bool presence_unsaved = false;
+    // The limits last set, in bytes per second, 0 for none. The library's status has no field
+    // for them, and asking the handle costs a trip to its thread for each torrent of a report.
+    int64_t download_limit = 0;
+    int64_t upload_limit = 0;
 };
 
 struct Event
@@ -135,6 +141,18 @@ struct tb_session
     std::condition_variable save_done;
     int32_t pending_saves = 0;
 
+    // Writes that failed, so that a full disk is told once and not once a file. Taken last,
+    // for a copy or an update only.
+    std::mutex write_failures_lock;
+    // Paths whose last write failed; the user hears of the first and then of none until all
+    // of them were written again.
+    std::set<std::string> failing_writes;
+    // Ids whose resume data didn't reach the disk: asked again at the next save whether or not
+    // the library thinks they changed, since it counts them as saved.
+    std::set<std::string> unsaved_resume;
+    // Events about failed writes, handed out with the others by tb_poll_events.
+    std::vector<Event> write_events;
+
     // The id each handle was added under. A hybrid torrent's best hash changes when a magnet's
     // metadata arrives, so ids are never recomputed from a handle. Its own lock, taken last:
     // the alert thread looks ids up for every delivered piece and must not wait for `mutex`.
@@ -156,7 +174,10 @@ struct tb_session
     void drain_work();
     void worker_loop();
     // Writes a torrent's file under resume/ unless the torrent was removed meanwhile.
-    void write_torrent_file(const std::string &id, const std::string &path, const std::vector<char> &bytes);
+    // False only when the write itself failed; a torrent removed meanwhile needs none.
+    bool write_torrent_file(const std::string &id, const std::string &path, const std::vector<char> &bytes);
+    // Asks again for the resume data of torrents whose last file didn't reach the disk.
+    int32_t retry_unsaved(lt::resume_data_flags_t flags);
     void file_error(const lt::torrent_handle &handle, lt::error_code error, lt::operation_t op,
                     const std::string &file, const std::string &name);
     // Asks resume data of every torrent that has changed since its last save; the count asked.
@@ -177,6 +198,9 @@ struct tb_session
     void check_files(const std::string &id, TorrentRec &rec, const lt::torrent_status &st);
     // Queues the write of the presence file as the record is now; the caller holds `mutex`.
     void save_presence(const std::string &id, const TorrentRec &rec);
+    // Writes one of the bridge's files whole; a failure is logged with the path and the error
+    // and, when it is the first of its kind, told to the engine as a "save_failed" event.
+    bool write_saved(const std::string &path, const std::vector<char> &bytes);
     void forget_pieces(const std::string &id);
     void apply_trackers(TorrentRec &rec);
     void trim_piece_cache();

@@ -299,11 +299,15 @@ void tb_session::load_resume_files()
         }
         ::closedir(folder);
     }
-    for (const std::string &name : names) {
-        if (stop.load())
-            break;
-        std::lock_guard<std::mutex> one_at_a_time(restore_lock);
-        restore_one(name);
+    try {
+        for (const std::string &name : names) {
+            if (stop.load())
+                break;
+            std::lock_guard<std::mutex> one_at_a_time(restore_lock);
+            restore_one(name);
+        }
+    } catch (...) {
+        std::fprintf(stderr, "restore stopped early\n");
     }
     restoring = false;
     check_log("restored", dir);
@@ -361,6 +365,9 @@ void tb_session::restore_one(const std::string &name)
         // Two resume files of one torrent must not make two records of one handle.
         params.flags |= lt::torrent_flags::duplicate_is_error;
 
+        // The resume data carries the torrent's own limits; the library reads below 1 as none.
+        const int64_t download_limit = std::max(0, params.download_limit);
+        const int64_t upload_limit = std::max(0, params.upload_limit);
         lt::torrent_handle handle;
         {
             // The alert thread runs meanwhile: the id is known before any alert of the
@@ -370,12 +377,17 @@ void tb_session::restore_one(const std::string &name)
             handle = session->add_torrent(std::move(params), ec);
             if (ec || !handle.is_valid())
                 return;
-            torrents[id].handle = handle;
+            TorrentRec &rec = torrents[id];
+            rec.handle = handle;
+            rec.download_limit = download_limit;
+            rec.upload_limit = upload_limit;
             handle_ids[handle] = id;
         }
         remember(handle, id, candidates);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "restore of %s failed: %s\n", name.c_str(), e.what());
+    } catch (...) {
+        std::fprintf(stderr, "restore of %s failed: %s\n", name.c_str(), "unknown exception");
     }
 }
 
@@ -415,6 +427,10 @@ char *tb_inspect_torrent(const char *path)
         out.clear();
         Obj o(out);
         o.s("error", e.what());
+    } catch (...) {
+        out.clear();
+        Obj o(out);
+        o.s("error", "unknown exception");
     }
     return dup(out);
 }
@@ -429,6 +445,9 @@ char *tb_add_torrent(tb_session *s, const char *path, const char *opts, char **o
         return add(s, lt::load_torrent_file(path ? path : ""), opts, out_error);
     } catch (const std::exception &e) {
         set_error(out_error, e.what());
+        return nullptr;
+    } catch (...) {
+        set_error(out_error, "unknown exception");
         return nullptr;
     }
 }
@@ -449,6 +468,9 @@ char *tb_add_magnet(tb_session *s, const char *uri, const char *opts, char **out
         return add(s, std::move(params), opts, out_error);
     } catch (const std::exception &e) {
         set_error(out_error, e.what());
+        return nullptr;
+    } catch (...) {
+        set_error(out_error, "unknown exception");
         return nullptr;
     }
 }
@@ -480,6 +502,9 @@ bool tb_remove(tb_session *s, const char *id, int flags)
         return true;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "remove failed: %s\n", e.what());
+        return false;
+    } catch (...) {
+        std::fprintf(stderr, "remove failed: %s\n", "unknown exception");
         return false;
     }
 }

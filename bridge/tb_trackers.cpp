@@ -71,6 +71,8 @@ void tb_session::apply_trackers(TorrentRec &rec)
     } catch (const std::exception &e) {
         // The handle went away meanwhile; trackers_applied stays false, so a later pass retries.
         std::fprintf(stderr, "apply trackers failed: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "apply trackers failed: %s\n", "unknown exception");
     }
 }
 
@@ -137,6 +139,8 @@ void tb_set_extra_trackers(tb_session *s, const char *urls, bool mirrors)
             s->apply_trackers(rec);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "set extra trackers failed: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "set extra trackers failed: %s\n", "unknown exception");
     }
 }
 
@@ -155,6 +159,8 @@ void tb_set_banned_clients(tb_session *s, const char *patterns)
         }
     } catch (const std::exception &e) {
         std::fprintf(stderr, "set banned clients failed: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "set banned clients failed: %s\n", "unknown exception");
     }
 }
 

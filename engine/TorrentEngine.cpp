@@ -6,6 +6,7 @@
 #include "checking/MemoryPressureWatcher.h"
 #include "core/MainThread.h"
 #include "core/SerialQueue.h"
+#include "engine/DebouncedSave.h"
 #include "engine/Storage.h"
 
 #include <QCoroFuture>
@@ -74,6 +75,11 @@ constexpr int TrackerListMaximum = 80;
 // A list of 80 trackers is a few kilobytes; a source that sends far more is not a list.
 constexpr qint64 TrackerListMaxBytes = 4 * 1024 * 1024;
 constexpr double ResourceSampleSeconds = 1.0;
+// A change is on disk at most this long after it was made, even while changes keep coming;
+// with the save itself and a busy main thread that stays inside two seconds.
+constexpr std::chrono::milliseconds SaveLimit{1500};
+// A save that failed (a full disk) is tried again this often while nothing else changes.
+constexpr std::chrono::milliseconds SaveRetry{5000};
 constexpr double InterfaceDelayWindow = 5.0;
 
 // One list from one source, or none when the source failed in any way.
@@ -153,15 +159,27 @@ TorrentEngine::TorrentEngine(const QString &home, QObject *parent, const QString
 {
     m_lastStateSave = std::chrono::steady_clock::now();
 
-    const auto settingsJson = Storage::load(m_home + QStringLiteral("/settings.json"));
+    m_saveSettingsWork = new DebouncedSave(std::chrono::milliseconds(500), SaveLimit, SaveRetry,
+                                           [this] { return saveSettingsNow(); }, this);
+    m_saveMetaWork = new DebouncedSave(std::chrono::milliseconds(1000), SaveLimit, SaveRetry,
+                                       [this] { return saveMetaNow(); }, this);
+
+    // Settings decode key by key, so only a file that is no JSON object at all is unusable.
+    const auto settingsJson = readOwnFile(QStringLiteral("settings.json"));
     m_settings = settingsJson ? AppSettings::fromJson(*settingsJson) : AppSettings::defaults();
     const QString downloadOverride = qEnvironmentVariable("VELIX_DOWNLOAD_DIR");
     if (!downloadOverride.isEmpty())
         m_settings.downloadDirectory = downloadOverride;
 
-    if (const auto metaJson = Storage::load(m_home + QStringLiteral("/torrents.json"))) {
-        if (auto decoded = decodeMetaFile(*metaJson))
+    // The meta decodes strictly: one bad entry makes the whole file unusable.
+    if (const auto metaJson = readOwnFile(QStringLiteral("torrents.json"))) {
+        if (auto decoded = decodeMetaFile(*metaJson)) {
             m_meta = std::move(*decoded);
+        } else {
+            const QString path = m_home + QStringLiteral("/torrents.json");
+            Storage::setAside(path);
+            notify(Storage::setAsideNotice(path));
+        }
     }
 
     const QString stateDir = m_home + QStringLiteral("/state");
@@ -185,21 +203,14 @@ TorrentEngine::TorrentEngine(const QString &home, QObject *parent, const QString
     }
     applyTrackers();
     applyBans();
-    // Saved at once so the random port and the detected profile of a first start stay.
-    saveSettingsNow();
+    // Saved at once so the random port and the detected profile of a first start stay; a
+    // failed save is tried again until it lands.
+    if (!saveSettingsNow())
+        m_saveSettingsWork->changed();
 
     m_timer = new QTimer(this);
     m_timer->setTimerType(Qt::CoarseTimer);
     connect(m_timer, &QTimer::timeout, this, &TorrentEngine::timerTick);
-
-    m_saveSettingsWork = new QTimer(this);
-    m_saveSettingsWork->setSingleShot(true);
-    m_saveSettingsWork->setInterval(500);
-    connect(m_saveSettingsWork, &QTimer::timeout, this, &TorrentEngine::saveSettingsNow);
-    m_saveMetaWork = new QTimer(this);
-    m_saveMetaWork->setSingleShot(true);
-    m_saveMetaWork->setInterval(1000);
-    connect(m_saveMetaWork, &QTimer::timeout, this, &TorrentEngine::saveMetaNow);
 
     observeMemoryPressure();
     setPollInterval(1.0);
@@ -285,22 +296,52 @@ void TorrentEngine::applyBans()
 
 void TorrentEngine::scheduleSettingsSave()
 {
-    m_saveSettingsWork->start();
+    m_saveSettingsWork->changed();
 }
 
 void TorrentEngine::scheduleMetaSave()
 {
-    m_saveMetaWork->start();
+    m_saveMetaWork->changed();
 }
 
-void TorrentEngine::saveSettingsNow()
+bool TorrentEngine::saveSettingsNow()
 {
-    Storage::save(m_settings.toJson(), m_home + QStringLiteral("/settings.json"));
+    const QString path = m_home + QStringLiteral("/settings.json");
+    return reportSave(path, Storage::save(m_settings.toJson(), path));
 }
 
-void TorrentEngine::saveMetaNow()
+bool TorrentEngine::saveMetaNow()
 {
-    Storage::save(encodeMetaFile(m_meta), m_home + QStringLiteral("/torrents.json"));
+    const QString path = m_home + QStringLiteral("/torrents.json");
+    return reportSave(path, Storage::save(encodeMetaFile(m_meta), path));
+}
+
+bool TorrentEngine::reportSave(const QString &path, const std::optional<Storage::SaveError> &failure)
+{
+    if (!failure) {
+        m_failedSaves.remove(path);
+        return true;
+    }
+    // Logged when the file starts failing, not at every retry while the disk stays full.
+    if (!m_failedSaves.contains(path))
+        std::fprintf(stderr, "velix: could not save %s: %s\n", qPrintable(path), qPrintable(failure->message));
+    // A full disk fails every save in turn; one toast says it, and the next comes only after
+    // all of them were written again.
+    if (m_failedSaves.isEmpty())
+        notify(Storage::saveFailureNotice(path, *failure));
+    m_failedSaves.insert(path);
+    return false;
+}
+
+std::optional<QJsonObject> TorrentEngine::readOwnFile(const QString &name)
+{
+    const QString path = m_home + QLatin1Char('/') + name;
+    Storage::ReadFile file = Storage::read(path);
+    if (file.unreadable) {
+        Storage::setAside(path);
+        notify(Storage::setAsideNotice(path));
+    }
+    return file.object;
 }
 
 void TorrentEngine::updateMeta(const QString &id, const std::function<void(TorrentMeta &)> &change)
@@ -517,14 +558,9 @@ void TorrentEngine::shutdown()
     }
     // Everything posted so far finishes before the session goes.
     m_queue->sync([] {});
-    if (m_saveSettingsWork && m_saveSettingsWork->isActive()) {
-        m_saveSettingsWork->stop();
-        saveSettingsNow();
-    }
-    if (m_saveMetaWork && m_saveMetaWork->isActive()) {
-        m_saveMetaWork->stop();
-        saveMetaNow();
-    }
+    // Whatever waits is saved now, and both files once more; nothing is tried later.
+    m_saveSettingsWork->cancel();
+    m_saveMetaWork->cancel();
     saveSettingsNow();
     saveMetaNow();
     tb_session_destroy(m_session);
@@ -815,8 +851,8 @@ QCoro::Task<bool> TorrentEngine::setLimits(QString id, TorrentLimits limits)
     const bool complete = limits.downloadKiB && limits.uploadKiB && limits.connections && limits.uploadSlots;
     if (!complete && !torrent(id))
         co_return false;
-    const qint64 downloadKiB = limits.downloadKiB.value_or(std::max<qint64>(t.downloadLimit, 0) / 1024);
-    const qint64 uploadKiB = limits.uploadKiB.value_or(std::max<qint64>(t.uploadLimit, 0) / 1024);
+    const qint64 downloadKiB = limits.downloadKiB.value_or(std::max<qint64>(t.downloadRateLimit, 0) / 1024);
+    const qint64 uploadKiB = limits.uploadKiB.value_or(std::max<qint64>(t.uploadRateLimit, 0) / 1024);
     const qint64 connections = limits.connections.value_or(t.connectionsLimit);
     const qint64 uploadSlots = limits.uploadSlots.value_or(t.uploadsLimit);
     // The bridge takes 32 bits; more than that is no limit a session could tell apart.
@@ -903,9 +939,21 @@ void TorrentEngine::show(const QString &text)
     QPointer<TorrentEngine> self(this);
     QTimer::singleShot(5000, this, [self, text] {
         // Only the toast this timer was started for is cleared; a newer one has its own timer.
-        if (self && self->m_toast == text)
+        if (!self || self->m_toast != text)
+            return;
+        if (self->m_notices.isEmpty())
             self->setToast(std::nullopt);
+        else
+            self->show(self->m_notices.takeFirst());
     });
+}
+
+void TorrentEngine::notify(const QString &text)
+{
+    if (m_toast)
+        m_notices << text;
+    else
+        show(text);
 }
 
 void TorrentEngine::handle(const TorrentEvent &event)
@@ -923,6 +971,8 @@ void TorrentEngine::handle(const TorrentEvent &event)
         show(QStringLiteral("«") + event.name + QStringLiteral("»: проверка файлов"));
     } else if (type == QLatin1String("listen_failed")) {
         show(QStringLiteral("Порт недоступен: ") + event.message);
+    } else if (type == QLatin1String("save_failed")) {
+        notify(event.message);
     }
 }
 

@@ -5,6 +5,7 @@
 #include "checking/CheckingResourceController.h"
 #include "checking/CheckingResources.h"
 #include "engine/AppSettings.h"
+#include "engine/Storage.h"
 #include "engine/TorrentMeta.h"
 #include "engine/TorrentReports.h"
 #include "engine/TorrentStatus.h"
@@ -12,6 +13,8 @@
 #include "media/TorrentFile.h"
 
 #include <QHash>
+#include <QJsonObject>
+#include <QSet>
 #include <QList>
 #include <QMap>
 #include <QObject>
@@ -32,6 +35,7 @@
 #include <variant>
 #include <vector>
 
+class DebouncedSave;
 class LowPowerMonitor;
 class MemoryPressureWatcher;
 class QNetworkAccessManager;
@@ -102,7 +106,8 @@ public:
     const SessionInfo &sessionInfo() const { return m_sessionInfo; }
     const AppSettings &settings() const { return m_settings; }
     // Compares and, on a real change, applies the new settings to the session at once and
-    // saves them 0.5 s after the last change.
+    // saves them 0.5 s after the last change, or 1.5 s after the first unsaved one when
+    // changes keep coming.
     void setSettings(const AppSettings &settings);
     const QMap<QString, TorrentMeta> &meta() const { return m_meta; }
     QString toast() const { return m_toast.value_or(QString()); }
@@ -142,7 +147,8 @@ public:
     double otherBusyCores() const { return m_otherBusyCores; }
     double lastResourceSample() const { return m_lastResourceSample; }
 
-    // Changes the meta of one torrent; saves 1.0 s after the last change when it really changed.
+    // Changes the meta of one torrent; saves 1.0 s after the last change when it really changed,
+    // and at most 1.5 s after the first unsaved one.
     void updateMeta(const QString &id, const std::function<void(TorrentMeta &)> &change);
 
     // Asks for a status round. At most one is under way: one asked meanwhile is taken once
@@ -192,6 +198,13 @@ public:
     TorrentStreamOpener streamOpener(const QString &id, int file) const;
 
     void show(const QString &text);
+    // A toast that must not be lost under another: shown now when none shows, else after the
+    // ones before it. For files that could not be read or saved.
+    void notify(const QString &text);
+    // Every save of a file the user would miss goes through here: a failure is logged with the
+    // path and the error, and shown once until that file, and every other one that failed with
+    // it, is saved again. Answers whether the file was saved.
+    bool reportSave(const QString &path, const std::optional<Storage::SaveError> &failure);
     void reveal(const QString &id, int file);
     bool settingsLimitReached(const TorrentStatus &t) const;
 
@@ -224,8 +237,11 @@ private:
     void applyBans();
     void scheduleSettingsSave();
     void scheduleMetaSave();
-    void saveSettingsNow();
-    void saveMetaNow();
+    bool saveSettingsNow();
+    bool saveMetaNow();
+    // The object in one of the engine's files; a file there that can't be used is set aside
+    // first and the user told, so that no default ever replaces it.
+    std::optional<QJsonObject> readOwnFile(const QString &name);
     QString engineSettingsText() const;
     void setPollInterval(double seconds);
     void timerTick();
@@ -269,8 +285,12 @@ private:
     QString m_sessionOverrides;
     TrackerListSources m_trackerLists;
     QNetworkAccessManager *m_network = nullptr;
-    QTimer *m_saveSettingsWork = nullptr;
-    QTimer *m_saveMetaWork = nullptr;
+    DebouncedSave *m_saveSettingsWork = nullptr;
+    DebouncedSave *m_saveMetaWork = nullptr;
+    // Files whose last save failed; the user was told when the first of them failed.
+    QSet<QString> m_failedSaves;
+    // Toasts from notify() waiting for the one on screen to go.
+    QStringList m_notices;
     std::chrono::steady_clock::time_point m_lastStateSave;
     QString m_appliedSettings;
     QString m_appliedTrackers;

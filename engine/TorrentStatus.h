@@ -44,6 +44,10 @@ struct TorrentStatus
     qint64 uploadLimit = 0;
     qint64 connectionsLimit = 0;
     qint64 uploadsLimit = 0;
+    // The torrent's own rate limits in bytes per second, 0 for none. downloadLimit and
+    // uploadLimit above are the bandwidth queue lengths, not limits.
+    qint64 downloadRateLimit = 0;
+    qint64 uploadRateLimit = 0;
     qint64 queue = -1;
     qint64 pieces = 0;
     double availability = 0;

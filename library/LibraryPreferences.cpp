@@ -173,7 +173,7 @@ LibraryPreferences LibraryPreferences::load(const QString &filePath)
     return fromJson(*json).value_or(LibraryPreferences{});
 }
 
-void LibraryPreferences::save(const QString &filePath) const
+std::optional<Storage::SaveError> LibraryPreferences::save(const QString &filePath) const
 {
-    Storage::save(toJson(), filePath);
+    return Storage::save(toJson(), filePath);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engine/Storage.h"
+
 #include <QJsonObject>
 #include <QList>
 #include <QString>
@@ -81,6 +83,6 @@ struct LibraryPreferences
 
     // The file's contents, or the defaults when it is missing or doesn't decode.
     static LibraryPreferences load(const QString &filePath);
-    // Atomic; a failure keeps the old file and is not reported.
-    void save(const QString &filePath) const;
+    // Atomic; a failure keeps the old file and says why.
+    std::optional<Storage::SaveError> save(const QString &filePath) const;
 };

@@ -4,6 +4,7 @@
 #include "engine/TorrentEngine.h"
 
 #include <QDir>
+#include <QTimer>
 
 #include <algorithm>
 
@@ -35,8 +36,39 @@ MainUIState::MainUIState(const QString &home, TorrentEngine *engine, QObject *pa
     : QObject(parent)
     , m_engine(engine)
     , m_preferencesPath(QDir(home).filePath(QStringLiteral("library.json")))
-    , m_preferences(LibraryPreferences::load(m_preferencesPath))
+    , m_preferences(loadPreferences())
 {
+    m_retrySave = new QTimer(this);
+    m_retrySave->setSingleShot(true);
+    m_retrySave->setInterval(5000);
+    connect(m_retrySave, &QTimer::timeout, this, &MainUIState::savePreferences);
+}
+
+LibraryPreferences MainUIState::loadPreferences() const
+{
+    const Storage::ReadFile file = Storage::read(m_preferencesPath);
+    const std::optional<LibraryPreferences> decoded = file.object ? LibraryPreferences::fromJson(*file.object) : std::nullopt;
+    // A layout this build doesn't know, or a file it can't read, is kept for the user rather
+    // than overwritten by the defaults at the first change.
+    if (file.unreadable || (file.object && !decoded)) {
+        Storage::setAside(m_preferencesPath);
+        if (m_engine)
+            m_engine->notify(Storage::setAsideNotice(m_preferencesPath));
+    }
+    return decoded.value_or(LibraryPreferences{});
+}
+
+void MainUIState::savePreferences()
+{
+    const auto failure = m_preferences.save(m_preferencesPath);
+    if (m_engine)
+        m_engine->reportSave(m_preferencesPath, failure);
+    // Tried again later, so the choice reaches the disk once it has room even with no further
+    // change; a change meanwhile saves at once anyway.
+    if (failure)
+        m_retrySave->start();
+    else
+        m_retrySave->stop();
 }
 
 void MainUIState::setFilter(TorrentFilter value) { assign(this, m_filter, value, &MainUIState::filterChanged); }
@@ -75,7 +107,7 @@ void MainUIState::setPreferences(const LibraryPreferences &value)
 {
     const bool changed = value != m_preferences;
     m_preferences = value;
-    m_preferences.save(m_preferencesPath);
+    savePreferences();
     if (changed)
         emit preferencesChanged();
 }

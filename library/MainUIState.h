@@ -14,6 +14,7 @@
 
 #include <optional>
 
+class QTimer;
 class TorrentEngine;
 
 // The one state of the main window: which filter, selection, sheet, page and screen show. The
@@ -151,8 +152,13 @@ private:
     bool transferDetailsCollapsed() const { return m_preferences.transferDetailsCollapsed; }
     QList<TorrentStatus> torrents() const;
 
+    LibraryPreferences loadPreferences() const;
+    void savePreferences();
+
     QPointer<TorrentEngine> m_engine;
     QString m_preferencesPath;
+    // Saves the preferences again after a failed save.
+    QTimer *m_retrySave = nullptr;
 
     TorrentFilter m_filter = TorrentFilter::all;
     QSet<QString> m_selection;

@@ -77,6 +77,8 @@ QJsonObject encode(const TorrentStatus &t)
         {QStringLiteral("uploadLimit"), t.uploadLimit},
         {QStringLiteral("connectionsLimit"), t.connectionsLimit},
         {QStringLiteral("uploadsLimit"), t.uploadsLimit},
+        {QStringLiteral("downloadRateLimit"), t.downloadRateLimit},
+        {QStringLiteral("uploadRateLimit"), t.uploadRateLimit},
         {QStringLiteral("queue"), t.queue},
         {QStringLiteral("pieces"), t.pieces},
         {QStringLiteral("availability"), t.availability},

@@ -50,6 +50,8 @@ QJsonObject torrentPart(const TorrentStatus &t)
         {QStringLiteral("swarmPeers"), t.swarmPeers},
         {QStringLiteral("uploadLimit"), t.uploadLimit},
         {QStringLiteral("downloadLimit"), t.downloadLimit},
+        {QStringLiteral("uploadRateLimit"), t.uploadRateLimit},
+        {QStringLiteral("downloadRateLimit"), t.downloadRateLimit},
         {QStringLiteral("sequential"), t.sequential},
         {QStringLiteral("error"), t.error},
         {QStringLiteral("savePath"), t.savePath},

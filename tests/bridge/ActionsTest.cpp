@@ -103,13 +103,18 @@ TEST(ActionsTest, CommandsReachTheTorrentAndUnknownOnesAreRefused)
     EXPECT_TRUE(waitFor([&] { return bridge.priority(id, second) == 0; }));
     EXPECT_EQ(bridge.priority(id, first), 7);
 
-    // Limits below 1 mean none, which the report shows as -1 for connections and upload slots.
+    // Limits below 1 mean none, which the report shows as -1 for connections and upload slots
+    // and as 0 for the rates. The rates read back as set, beside the queue lengths.
     ASSERT_TRUE(tb_set_limits(s, tid, 1000, 2000, 5, 2));
     EXPECT_EQ(bridge.status(id)["connectionsLimit"].toInt(), 5);
     EXPECT_EQ(bridge.status(id)["uploadsLimit"].toInt(), 2);
-    ASSERT_TRUE(tb_set_limits(s, tid, 0, 0, 0, 0));
+    EXPECT_EQ(bridge.status(id)["downloadRateLimit"].toInt(), 1000);
+    EXPECT_EQ(bridge.status(id)["uploadRateLimit"].toInt(), 2000);
+    ASSERT_TRUE(tb_set_limits(s, tid, 0, -5, 0, 0));
     EXPECT_EQ(bridge.status(id)["connectionsLimit"].toInt(), -1);
     EXPECT_EQ(bridge.status(id)["uploadsLimit"].toInt(), -1);
+    EXPECT_EQ(bridge.status(id)["downloadRateLimit"].toInt(), 0);
+    EXPECT_EQ(bridge.status(id)["uploadRateLimit"].toInt(), 0);
 
     // Added trackers join the torrent's own tier; blank lines are no trackers.
     ASSERT_TRUE(tb_add_trackers(s, tid, "http://tracker.example.org/announce\n  \n udp://tracker.example.net:6969 \n"));

@@ -23,7 +23,8 @@ const std::string TorrentShape =
     "id:s name:s state:s paused:b autoManaged:b sequential:b private:b hasMetadata:b finished:b seeding:b "
     "moving:b progress:n total:i totalDone:i wanted:i wantedDone:i downloadRate:i uploadRate:i peers:i "
     "seeds:i swarmPeers:i swarmSeeds:i connectCandidates:i uploaded:i downloaded:i added:i completed:i "
-    "activeTime:i seedingTime:i downloadLimit:i uploadLimit:i connectionsLimit:i uploadsLimit:i queue:i "
+    "activeTime:i seedingTime:i downloadLimit:i uploadLimit:i connectionsLimit:i uploadsLimit:i downloadRateLimit:i "
+    "uploadRateLimit:i queue:i "
     "pieces:i availability:n savePath:s tracker:s error:s";
 
 const std::string FileShape = "i:i path:s size:i done:i prio:i pad:b first:i last:i";

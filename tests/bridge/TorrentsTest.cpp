@@ -250,6 +250,8 @@ TEST(TorrentsTest, BtihLinkOfHybridTorrentKeepsItsIdThroughMetadataAndRestarts)
         EXPECT_EQ(statusJson(s.get()).value("torrents").toArray().size(), 1);
         // The watch records the complete files under the link's id as well.
         EXPECT_TRUE(waitFor([&] { return readWholeFile(resumeFile(state, id, ".presence")) == presenceOf(files); }));
+        // The torrent's own rate limits go with it.
+        ASSERT_TRUE(tb_set_limits(s.get(), id.c_str(), 50000, 60000, 0, 0));
     }
     EXPECT_TRUE(fs::exists(resumeFile(state, show.v1Hex)));
     EXPECT_FALSE(fs::exists(resumeFile(state, show.id)));
@@ -257,6 +259,8 @@ TEST(TorrentsTest, BtihLinkOfHybridTorrentKeepsItsIdThroughMetadataAndRestarts)
     // Back under the same id after a restart, hashed again and seeding as before.
     BridgeSession s(state, settings);
     ASSERT_TRUE(torrentStatus(s.get(), show.v1Hex).value("hasMetadata").toBool());
+    EXPECT_EQ(torrentStatus(s.get(), show.v1Hex).value("downloadRateLimit").toInt(), 50000);
+    EXPECT_EQ(torrentStatus(s.get(), show.v1Hex).value("uploadRateLimit").toInt(), 60000);
     EXPECT_TRUE(waitFor([&] { return stateOf(s.get(), show.v1Hex) == "seeding"; }, std::chrono::seconds(60)));
 }
 

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <csignal>
 #include <sys/resource.h>
 
@@ -124,7 +125,9 @@ TEST_F(StorageTest, AWriteThatFailsHalfwayLeavesTheOldFile)
         big.insert(QString::number(i), QString(40, 'x'));
     {
         FileSizeLimit limit(4096);
-        Storage::save(big, path);
+        const auto failure = Storage::save(big, path);
+        ASSERT_TRUE(failure.has_value());
+        EXPECT_EQ(failure->code, EFBIG);
     }
 
     EXPECT_EQ(readAll(path), before);
@@ -153,21 +156,34 @@ TEST_F(StorageTest, ValuesThatCannotBeWrittenLeaveTheOldFile)
     EXPECT_EQ(readAll(path).simplified(), "[ 1, 2 ]");
 }
 
-TEST_F(StorageTest, UnreadableFilesLoadAsNothing)
+TEST_F(StorageTest, UnreadableFilesLoadAsNothingAndOnlyThoseWithContentAreSetAside)
 {
     struct Case
     {
         const char *name;
         const char *content; // nullptr: no file
+        bool unreadable;     // something the user could lose is there
     };
-    const Case cases[] = {{"missing", nullptr}, {"empty", ""},           {"blank", "  \n"},
-                          {"not JSON", "settings"}, {"cut short", "{\"ipv6\": fal"}, {"an array", "[1, 2]"}};
+    const Case cases[] = {{"missing", nullptr, false},  {"empty", "", false},
+                          {"blank", "  \n", false},      {"not JSON", "settings", true},
+                          {"cut short", "{\"ipv6\": fal", true}, {"an array", "[1, 2]", true}};
     for (const Case &c : cases) {
         const QString path = dir.filePath(QString::fromLatin1(c.name) + ".json");
         if (c.content)
             writeAll(path, c.content);
         EXPECT_EQ(Storage::load(path), std::nullopt) << c.name;
+        EXPECT_EQ(Storage::read(path).unreadable, c.unreadable) << c.name;
     }
+
+    // Two set aside within one second keep both copies.
+    const QString path = dir.filePath("settings.json");
+    for (const QByteArray &content : {QByteArray("first"), QByteArray("second")}) {
+        writeAll(path, content);
+        const QString copy = Storage::setAside(path);
+        EXPECT_EQ(readAll(copy), content);
+        EXPECT_FALSE(QFile::exists(path));
+    }
+    EXPECT_EQ(QDir(dir.path()).entryList({"settings.json.unreadable-*"}, QDir::Files).size(), 2);
 
     writeAll(dir.filePath("empty-object.json"), "{}");
     EXPECT_EQ(Storage::load(dir.filePath("empty-object.json")), QJsonObject());

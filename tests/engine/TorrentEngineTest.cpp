@@ -3,14 +3,19 @@
 #include "engine/Storage.h"
 #include "support/LocalSwarm.h"
 #include "support/TaskResult.h"
+#include "support/SmallDisk.h"
 #include "support/TestSupport.h"
 
+#include <QDBusConnection>
+#include <QDir>
 #include <QFile>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QSignalSpy>
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -53,6 +58,23 @@ QJsonObject saved(const TempDir &home, const char *file)
 }
 
 } // namespace
+
+TEST(EngineDeathTest, ASessionThatCannotStartEndsTheProgramWithAMessage)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    TempDir home;
+    const QString quiet = QString::fromStdString(testsupport::quietSettingsText(testsupport::freeTcpPort()));
+    EXPECT_EXIT(
+        {
+            // The bus's own thread is up before the limit, as it is in a program that has run a
+            // while; a bus call without it would wait for ever instead of failing.
+            QDBusConnection::systemBus();
+            testsupport::forbidNewThreads();
+            TorrentEngine engine(home.qpath(), nullptr, quiet);
+            std::_Exit(0);
+        },
+        ::testing::ExitedWithCode(1), "the torrent session could not be created");
+}
 
 TEST(TorrentEngineTest, PollsTheSessionAndStopsOnceLeavingItsFilesBehind)
 {
@@ -241,20 +263,95 @@ TEST(TorrentEngineTest, SettingsAndMetaSavesAreDebouncedAndSurviveAQuickQuit)
     EXPECT_EQ(again->meta().value("abc").positions.value(1), 42.5);
 }
 
-TEST(TorrentEngineTest, BrokenFilesStartFromDefaultsAndTheDownloadDirCanBeOverridden)
+TEST(TorrentEngineTest, ChangesThatKeepComingReachTheDiskWhileTheyCome)
 {
     TempDir home;
-    std::filesystem::create_directories(home.path());
-    std::ofstream(home.file("settings.json")) << "[not an object";
-    std::ofstream(home.file("torrents.json")) << R"({"x": {"positions": {}}})"; // ignoreSeedLimits is required
+    auto engine = makeEngine(home);
+    AppSettings settings = engine->settings();
+    // A slider held down: a change every 100 ms, far inside either quiet time. Each one must
+    // be on disk soon after it was made, not only after the last.
+    bool settingsSeen = false;
+    bool metaSeen = false;
+    for (int k = 1; k <= 300 && !(settingsSeen && metaSeen); ++k) {
+        settings.activeDownloads = k;
+        engine->setSettings(settings);
+        engine->updateMeta("slider", [k](TorrentMeta &m) { m.positions.insert(0, k); });
+        waitFor([] { return false; }, std::chrono::milliseconds(100));
+        settingsSeen = settingsSeen || saved(home, "settings.json").value("activeDownloads").toInt() > 1;
+        metaSeen = metaSeen
+            || saved(home, "torrents.json").value("slider").toObject().value("positions").toObject().value("0").toInt() > 1;
+    }
+    EXPECT_TRUE(settingsSeen) << "settings were not saved while they kept changing";
+    EXPECT_TRUE(metaSeen) << "the meta was not saved while it kept changing";
+}
 
+TEST(TorrentEngineTest, UnreadableFilesAreKeptAsideBeforeDefaultsTakeTheirPlace)
+{
+    struct Row
+    {
+        const char *name;
+        const char *settings; // nullptr: no file
+        const char *meta;
+        QStringList setAside;  // in the order the toasts tell of them
+    };
+    const QString settingsFile = QStringLiteral("settings.json");
+    const QString metaFile = QStringLiteral("torrents.json");
+    const std::array<Row, 5> rows{{
+        {"settings are not JSON", "[not an object", nullptr, {settingsFile}},
+        {"settings are another kind of JSON", "[1, 2]", nullptr, {settingsFile}},
+        // Settings decode key by key: one value of the wrong type is no reason to set the file aside.
+        {"a settings value of the wrong type", R"({"ipv6": "no", "activeSeeds": 3})", nullptr, {}},
+        {"an entry without a required field", nullptr, R"({"x": {"positions": {}}})", {metaFile}},
+        {"both", "{\"ipv6\": fal", "\x01\x02", {settingsFile, metaFile}},
+    }};
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        TempDir home;
+        std::filesystem::create_directories(home.path());
+        if (row.settings)
+            std::ofstream(home.file("settings.json")) << row.settings;
+        if (row.meta)
+            std::ofstream(home.file("torrents.json")) << row.meta;
+        auto engine = makeEngine(home);
+
+        QStringList told;
+        for (const QString &file : row.setAside)
+            told << QStringLiteral("Не удалось прочитать ") + file + QStringLiteral(": сохранена копия");
+        // One toast at a time: the second file's comes when the first one's time is up.
+        for (const QString &text : told)
+            EXPECT_TRUE(waitFor([&] { return engine->toast() == text; })) << text.toStdString();
+        if (told.isEmpty()) {
+            EXPECT_EQ(engine->toast(), QString());
+            EXPECT_EQ(engine->settings().activeSeeds, 3);
+        }
+        engine->shutdown();
+
+        // The user's bytes are where the toast says, untouched by the defaults saved since.
+        for (const auto &[file, content] : {std::pair{settingsFile, row.settings}, std::pair{metaFile, row.meta}}) {
+            const QStringList copies =
+                QDir(home.qpath()).entryList({file + QStringLiteral(".unreadable-*")}, QDir::Files);
+            if (!row.setAside.contains(file)) {
+                EXPECT_TRUE(copies.isEmpty()) << file.toStdString();
+                continue;
+            }
+            ASSERT_EQ(copies.size(), 1) << file.toStdString();
+            EXPECT_TRUE(QRegularExpression(QStringLiteral("^%1\\.unreadable-\\d{8}T\\d{6}Z$").arg(QRegularExpression::escape(file)))
+                            .match(copies.first()).hasMatch())
+                << copies.first().toStdString();
+            EXPECT_EQ(testsupport::readWholeFile(home.file(copies.first().toStdString())), std::string(content));
+            EXPECT_TRUE(Storage::load(home.qpath() + QLatin1Char('/') + file).has_value()) << "saved anew";
+        }
+    }
+}
+
+TEST(TorrentEngineTest, TheDownloadDirectoryCanBeOverriddenForARun)
+{
+    TempDir home;
     const QString downloads = home.qpath() + "/dl";
     qputenv("VELIX_DOWNLOAD_DIR", QFile::encodeName(downloads));
     auto engine = makeEngine(home);
     qunsetenv("VELIX_DOWNLOAD_DIR");
     EXPECT_EQ(engine->settings().downloadDirectory, downloads);
-    EXPECT_TRUE(engine->meta().isEmpty());
-    EXPECT_EQ(engine->settings().activeSeeds, AppSettings::defaults().activeSeeds);
     // Saved at start, so the override and the fresh random port stay.
     EXPECT_EQ(saved(home, "settings.json").value("downloadDirectory").toString(), downloads);
 }
@@ -301,4 +398,50 @@ TEST(TorrentEngineTest, StatusRoundsDoNotPileUpBehindABusyQueue)
     EXPECT_TRUE(engine->torrent(id)->paused) << "the awaited refresh was taken after the pause";
     // The held round, the one wanted behind it, the refresh's, and a timer's at most.
     EXPECT_LE(engine->statusRounds(), before + 5);
+}
+
+TEST(TorrentEngineTest, AFullDiskKeepsTheSavedFilesSaysSoOnceAndSavesWhenThereIsRoom)
+{
+    const auto disk = testsupport::onSmallDisk(1024 * 1024);
+    if (!disk)
+        return;
+    const QString home = QString::fromStdString(*disk) + QStringLiteral("/home");
+    auto savedHere = [&home](const char *file) {
+        return Storage::load(home + QLatin1Char('/') + QLatin1String(file)).value_or(QJsonObject());
+    };
+    const QString quiet = QString::fromStdString(testsupport::quietSettingsText(testsupport::freeTcpPort()));
+    auto engine = std::make_unique<TorrentEngine>(home, nullptr, quiet);
+    ASSERT_FALSE(savedHere("settings.json").isEmpty());
+    const QString before = engine->settings().audioLanguages;
+    QStringList toasts;
+    QObject::connect(engine.get(), &TorrentEngine::toastChanged, [&] {
+        if (!engine->toast().isEmpty())
+            toasts << engine->toast();
+    });
+
+    std::string filler = testsupport::fillDisk(*disk);
+    AppSettings settings = engine->settings();
+    settings.audioLanguages = QStringLiteral("eng");
+    engine->setSettings(settings);
+    engine->updateMeta("abc", [](TorrentMeta &m) { m.positions.insert(2, 7.5); });
+    const QStringList once{QStringLiteral("Не удалось сохранить settings.json: нет места на диске")};
+    ASSERT_TRUE(waitFor([&] { return !toasts.isEmpty(); }));
+    EXPECT_EQ(toasts, once);
+    EXPECT_EQ(savedHere("settings.json").value("audioLanguages").toString(), before) << "the old file stays whole";
+
+    // With room again both files catch up without another change; the meta's failure, which
+    // came while the settings' still stood, was not told again.
+    std::filesystem::remove(filler);
+    ASSERT_TRUE(waitFor([&] { return savedHere("settings.json").value("audioLanguages").toString() == "eng"; }));
+    ASSERT_TRUE(waitFor([&] { return savedHere("torrents.json").contains("abc"); }));
+    EXPECT_EQ(toasts, once);
+
+    // A failure after everything was saved is news again; the stop on a full disk keeps the
+    // last good files.
+    filler = testsupport::fillDisk(*disk);
+    engine->updateMeta("abc", [](TorrentMeta &m) { m.positions.insert(2, 9.0); });
+    EXPECT_TRUE(waitFor([&] { return toasts.size() == 2; }));
+    EXPECT_EQ(toasts.last(), QStringLiteral("Не удалось сохранить torrents.json: нет места на диске"));
+    engine->shutdown();
+    EXPECT_EQ(savedHere("torrents.json").value("abc").toObject().value("positions").toObject().value("2").toDouble(), 7.5);
 }

@@ -2,12 +2,16 @@
 
 #include "engine/TorrentEngine.h"
 #include "support/LocalSwarm.h"
+#include "support/SmallDisk.h"
 #include "support/TestSupport.h"
 
+#include <QDir>
 #include <QFile>
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <vector>
 
@@ -108,6 +112,41 @@ TEST_F(MainUIStateTest, PreferencesAreSavedTheMomentTheyChangeAndOnlyTheyOutlive
     MainUIState relaunched(home.qpath(), s_engine);
     EXPECT_EQ(relaunched.preferences(), (LibraryPreferences{LibraryLayout::table, LibrarySort::newest, true}));
     EXPECT_EQ(relaunched.filter(), TorrentFilter::all);
+}
+
+TEST_F(MainUIStateTest, ALibraryFileThatDoesNotDecodeIsKeptAsideAndTheUserTold)
+{
+    // A layout a newer build knows: the file is the user's and is not overwritten by defaults.
+    const std::string written = R"({"layout":"mosaic","sort":"size"})";
+    std::ofstream(home.file("library.json")) << written;
+    MainUIState relaunched(home.qpath(), s_engine);
+    EXPECT_EQ(relaunched.preferences(), LibraryPreferences{});
+    EXPECT_EQ(s_engine->toast(), QStringLiteral("Не удалось прочитать library.json: сохранена копия"));
+    relaunched.setProperty("layout", QStringLiteral("list"));
+    EXPECT_EQ(LibraryPreferences::load(relaunched.preferencesPath()).layout, LibraryLayout::list);
+    const QStringList copies = QDir(home.qpath()).entryList({QStringLiteral("library.json.unreadable-*")}, QDir::Files);
+    ASSERT_EQ(copies.size(), 1);
+    EXPECT_EQ(testsupport::readWholeFile(home.file(copies.first().toStdString())), written);
+}
+
+TEST(LibraryFullDiskTest, ALayoutThatFindsNoRoomKeepsTheOldFileAndLandsWhenThereIsRoom)
+{
+    const auto disk = testsupport::onSmallDisk(512 * 1024);
+    if (!disk)
+        return;
+    const QString home = QString::fromStdString(*disk) + QStringLiteral("/home");
+    TorrentEngine engine(home, nullptr, QString::fromStdString(testsupport::quietSettingsText(testsupport::freeTcpPort())));
+    MainUIState state(home, &engine);
+    state.setProperty("layout", QStringLiteral("list"));
+    ASSERT_EQ(LibraryPreferences::load(state.preferencesPath()).layout, LibraryLayout::list);
+
+    const std::string filler = testsupport::fillDisk(*disk);
+    state.setProperty("layout", QStringLiteral("table"));
+    EXPECT_EQ(engine.toast(), QStringLiteral("Не удалось сохранить library.json: нет места на диске"));
+    EXPECT_EQ(LibraryPreferences::load(state.preferencesPath()).layout, LibraryLayout::list);
+    std::filesystem::remove(filler);
+    EXPECT_TRUE(testsupport::waitFor([&] { return LibraryPreferences::load(state.preferencesPath()).layout == LibraryLayout::table; }));
+    engine.shutdown();
 }
 
 TEST_F(MainUIStateTest, ShiftClickMeasuresFromTheLastClickWhileItIsVisible)

@@ -85,9 +85,16 @@ TEST(AutomationEndToEndTest, AgentAddsPlaysControlsAndRemovesATorrent)
     // A limit not given keeps its value.
     EXPECT_EQ(tool(QStringLiteral("set_torrent_limits"), {{"id", id}}),
               (QJsonObject{{"error", "Provide at least one limit."}}));
-    EXPECT_EQ(tool(QStringLiteral("set_torrent_limits"), {{"id", id}, {"connections", 20}, {"upload_slots", 6}}), accepted);
-    EXPECT_EQ(tool(QStringLiteral("set_torrent_limits"), {{"id", id}, {"upload_slots", 4}}), accepted);
+    auto limits = [&] { return tool(QStringLiteral("get_torrent_details"), {{"id", id}}).value(QLatin1String("torrent")); };
+    EXPECT_EQ(tool(QStringLiteral("set_torrent_limits"),
+                   {{"id", id}, {"download_kib", 300}, {"connections", 20}, {"upload_slots", 6}}),
+              accepted);
+    ASSERT_TRUE(testsupport::waitFor([&] { return limits()[QLatin1String("downloadRateLimit")].toInt() == 300 * 1024; }));
+    // Only the upload changes: the download limit read back is kept, not lifted.
+    EXPECT_EQ(tool(QStringLiteral("set_torrent_limits"), {{"id", id}, {"upload_kib", 100}, {"upload_slots", 4}}), accepted);
+    ASSERT_TRUE(testsupport::waitFor([&] { return limits()[QLatin1String("uploadRateLimit")].toInt() == 100 * 1024; }));
     const QJsonObject details = tool(QStringLiteral("get_torrent_details"), {{"id", id}});
+    EXPECT_EQ(details.value(QLatin1String("torrent"))[QLatin1String("downloadRateLimit")].toInt(), 300 * 1024);
     EXPECT_EQ(details.value(QLatin1String("torrent"))[QLatin1String("connectionsLimit")].toInt(), 20);
     EXPECT_EQ(details.value(QLatin1String("torrent"))[QLatin1String("uploadsLimit")].toInt(), 4);
     EXPECT_EQ(details.value(QLatin1String("files"))[subtitles][QLatin1String("prio")].toInt(), 7);

@@ -5,6 +5,9 @@
 #include <QTemporaryDir>
 
 #include <filesystem>
+#include <grp.h>
+#include <sys/resource.h>
+#include <unistd.h>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -61,6 +64,19 @@ std::string readWholeFile(const std::string &path)
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+void forbidNewThreads()
+{
+    if (::geteuid() == 0) {
+        // A uid of its own: its count of tasks is this process alone.
+        constexpr uid_t Alone = 54321;
+        [[maybe_unused]] const int groups = ::setgroups(0, nullptr);
+        [[maybe_unused]] const int group = ::setgid(Alone);
+        [[maybe_unused]] const int user = ::setuid(Alone);
+    }
+    const rlimit one{1, 1};
+    ::setrlimit(RLIMIT_NPROC, &one);
 }
 
 } // namespace testsupport

@@ -38,4 +38,9 @@ bool waitFor(const std::function<bool()> &pred,
 void writePatternFile(const std::string &path, int64_t size, uint32_t seed = 1);
 std::string readWholeFile(const std::string &path);
 
+// For a death test's child: no new thread can start in this process from here on, so every
+// library call that would start one fails the way it does on a machine out of threads. As
+// root the process first becomes a user that runs nothing else, since the limit doesn't bind root.
+void forbidNewThreads();
+
 } // namespace testsupport
