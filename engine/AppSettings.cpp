@@ -507,10 +507,12 @@ QString AppSettings::libtorrentSettings() const
     std::map<std::string, QString> rows;
     const auto set = [&rows](const char *key, const QString &value) {
         // A line break inside a user's text (a proxy host or password) would smuggle in lines
-        // of its own; the bridge reads one setting a line.
+        // of its own, since the bridge reads one setting a line; a NUL would end the text
+        // there, and every setting sorted after it would be lost.
         QString clean = value;
         clean.remove(QLatin1Char('\r'));
         clean.remove(QLatin1Char('\n'));
+        clean.remove(QChar(0));
         rows[key] = clean;
     };
     const auto setNumber = [&set](const char *key, qint64 value) {
