@@ -552,8 +552,9 @@ QString AppSettings::libtorrentSettings() const
     setNumber("active_downloads", activeDownloads);
     setNumber("active_seeds", activeSeeds);
     // Never fewer than 20 active torrents in all, so that small queue settings still leave
-    // room for checking and for torrents that only announce.
-    setNumber("active_limit", std::max<qint64>(qint64(activeDownloads) + activeSeeds, 20));
+    // room for checking and for torrents that only announce; never more than an int holds,
+    // since the bridge reads the sum of two large limits with atoi.
+    setNumber("active_limit", std::clamp<qint64>(qint64(activeDownloads) + activeSeeds, 20, INT_MAX));
     setNumber("active_checking", 1);
 
     for (const EncryptionRow &row : EncryptionRows) {
@@ -607,10 +608,13 @@ QStringList AppSettings::extraTrackers() const
             candidates.append(QLatin1String(url));
     }
 
+    // The fetched list comes from a file that may have been edited by hand: its entries are
+    // held to the custom lines' rule, so a blank one adds no tracker and a padded one no twin.
     QStringList trackers;
     QSet<QString> seen;
-    for (const QString &url : std::as_const(candidates)) {
-        if (!seen.contains(url)) {
+    for (const QString &candidate : std::as_const(candidates)) {
+        const QString url = candidate.trimmed();
+        if (!url.isEmpty() && !seen.contains(url)) {
             seen.insert(url);
             trackers.append(url);
         }

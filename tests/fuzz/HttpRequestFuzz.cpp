@@ -3,6 +3,13 @@
 #include "FuzzSupport.h"
 
 #include "remote/HttpRequest.h"
+#include "remote/RouteParameters.h"
+
+#include <QUrl>
+#include <QUrlQuery>
+
+#include <algorithm>
+#include <limits>
 
 namespace {
 
@@ -17,6 +24,18 @@ void judge(const HttpRequest &request)
     }
     isForeignRequest(request);
     resolveRange(request.header("range"), 1 << 20);
+
+    // Every query value through every reader the routes have for one.
+    const QUrl url(request.target);
+    for (const auto &[name, value] : QUrlQuery(url).queryItems(QUrl::FullyDecoded)) {
+        const QList<int> indices = RouteParameters::indexList(value);
+        Fuzz::require(std::all_of(indices.begin(), indices.end(), [](int i) { return i >= 0; }),
+                      "file indices are never negative");
+        RouteParameters::priorityForLevel(value);
+        const qint32 kib = RouteParameters::clampedInt32(value, 1024);
+        Fuzz::require(kib % 1024 == 0 || kib == std::numeric_limits<qint32>::max() || kib == std::numeric_limits<qint32>::min(),
+                      "a limit in KiB is a whole number of KiB or held at the range's end");
+    }
 }
 
 } // namespace

@@ -13,6 +13,8 @@
 
 #include <QSet>
 
+#include <algorithm>
+
 namespace {
 
 const AppSettings &base()
@@ -70,7 +72,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     const QStringList trackers = settings.extraTrackers();
     Fuzz::require(QSet<QString>(trackers.begin(), trackers.end()).size() == trackers.size(), "no tracker is added twice");
-    Fuzz::require(!trackers.contains(QString()), "no tracker is empty");
+    Fuzz::require(std::all_of(trackers.begin(), trackers.end(), [](const QString &url) {
+                      return !url.isEmpty() && url == url.trimmed();
+                  }),
+                  "no tracker is empty or padded with blanks");
     AppSettings::split(settings.audioLanguages);
     return 0;
 }
