@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -102,11 +103,23 @@ std::vector<std::string> lines(const char *text)
 std::map<std::string, std::string> options(const char *text)
 {
     std::map<std::string, std::string> result;
-    for (const std::string &line : lines(text)) {
+    if (!text)
+        return result;
+    // Not through lines(): its trimming would cut the blanks a value may end in, and a save
+    // path or a proxy password that ends in a blank is another path or password without it.
+    const char *p = text;
+    while (*p) {
+        const char *end = std::strchr(p, '\n');
+        if (!end)
+            end = p + std::strlen(p);
+        std::string_view line(p, static_cast<size_t>(end - p));
+        if (!line.empty() && line.back() == '\r')
+            line.remove_suffix(1);
+        const size_t start = line.find_first_not_of(" \t");
         const size_t eq = line.find('=');
-        if (eq == std::string::npos)
-            continue;
-        result[line.substr(0, eq)] = line.substr(eq + 1);
+        if (start != std::string_view::npos && eq != std::string_view::npos)
+            result[std::string(line.substr(start, eq - start))] = std::string(line.substr(eq + 1));
+        p = *end ? end + 1 : end;
     }
     return result;
 }

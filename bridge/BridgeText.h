@@ -19,6 +19,8 @@ const char *write_error_text(int error);
 // Splits at newlines, trims blanks (and carriage returns) on both sides, drops empty lines.
 std::vector<std::string> lines(const char *text);
 // "key=value" lines split at the first "="; a later key wins; lines without "=" are dropped.
+// Blanks before the key go; the value is the rest of the line as it is, but for the "\r" of a
+// CRLF line end.
 std::map<std::string, std::string> options(const char *text);
 // A malloc copy that tb_free releases.
 char *dup(const std::string &text);

@@ -5,6 +5,7 @@
 #include "bridge/tb_bridge.h"
 
 #include <libtorrent/alert_types.hpp>
+#include <libtorrent/read_resume_data.hpp>
 #include <libtorrent/session.hpp>
 #include <libtorrent/torrent_handle.hpp>
 #include <libtorrent/torrent_status.hpp>
@@ -225,6 +226,14 @@ lt::settings_pack make_pack(const char *text);
 // "v1" then one index a line; other first words give an empty set.
 std::set<int> parse_presence(const std::vector<char> &bytes);
 std::string presence_text(const std::set<int> &present);
+// What a resume file may cost to read: its size, pieces and bencode depth and tokens.
+lt::load_torrent_limits resume_limits();
+// Files that the resume data says were at least partly on disk: each wanted file with a
+// piece of its own span in have_pieces.
+std::set<int> resume_candidates(const lt::add_torrent_params &params);
+// True when a file that should be on disk is gone: the torrent must not start hashing, find
+// nothing and quietly download it all again.
+bool candidate_missing(const lt::add_torrent_params &params, const std::set<int> &candidates);
 bool reader_log_enabled();
 // VELIX_CHECK_LOG: when the restore begins and each hash check ends, on the monotonic clock,
 // so a benchmark can time the checks without the poll's delay.

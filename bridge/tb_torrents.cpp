@@ -126,8 +126,10 @@ void apply_options(lt::add_torrent_params &params, const char *text)
         params.file_priorities = parse_priorities(value("priorities"));
 }
 
-// Files that the resume data says were at least partly on disk: each wanted file with a
-// piece of its own span in have_pieces.
+} // namespace
+
+namespace tb {
+
 std::set<int> resume_candidates(const lt::add_torrent_params &params)
 {
     std::set<int> candidates;
@@ -161,8 +163,6 @@ std::set<int> resume_candidates(const lt::add_torrent_params &params)
     return candidates;
 }
 
-// True when a file that should be on disk is gone: the torrent must not start hashing, find
-// nothing and quietly download it all again.
 bool candidate_missing(const lt::add_torrent_params &params, const std::set<int> &candidates)
 {
     if (!params.ti)
@@ -192,6 +192,10 @@ bool candidate_missing(const lt::add_torrent_params &params, const std::set<int>
     }
     return false;
 }
+
+} // namespace tb
+
+namespace {
 
 char *add(tb_session *s, lt::add_torrent_params params, const char *opts, char **out_error)
 {
@@ -276,7 +280,7 @@ void tb_session::remember(const lt::torrent_handle &handle, const std::string &i
     check_files(id, rec);
 }
 
-lt::load_torrent_limits resume_limits()
+lt::load_torrent_limits tb::resume_limits()
 {
     lt::load_torrent_limits limits;
     limits.max_buffer_size = 10000000;

@@ -507,10 +507,12 @@ QString AppSettings::libtorrentSettings() const
     std::map<std::string, QString> rows;
     const auto set = [&rows](const char *key, const QString &value) {
         // A line break inside a user's text (a proxy host or password) would smuggle in lines
-        // of its own; the bridge reads one setting a line.
+        // of its own, since the bridge reads one setting a line; a NUL would end the text
+        // there, and every setting sorted after it would be lost.
         QString clean = value;
         clean.remove(QLatin1Char('\r'));
         clean.remove(QLatin1Char('\n'));
+        clean.remove(QChar(0));
         rows[key] = clean;
     };
     const auto setNumber = [&set](const char *key, qint64 value) {
@@ -550,8 +552,9 @@ QString AppSettings::libtorrentSettings() const
     setNumber("active_downloads", activeDownloads);
     setNumber("active_seeds", activeSeeds);
     // Never fewer than 20 active torrents in all, so that small queue settings still leave
-    // room for checking and for torrents that only announce.
-    setNumber("active_limit", std::max<qint64>(qint64(activeDownloads) + activeSeeds, 20));
+    // room for checking and for torrents that only announce; never more than an int holds,
+    // since the bridge reads the sum of two large limits with atoi.
+    setNumber("active_limit", std::clamp<qint64>(qint64(activeDownloads) + activeSeeds, 20, INT_MAX));
     setNumber("active_checking", 1);
 
     for (const EncryptionRow &row : EncryptionRows) {
@@ -605,10 +608,13 @@ QStringList AppSettings::extraTrackers() const
             candidates.append(QLatin1String(url));
     }
 
+    // The fetched list comes from a file that may have been edited by hand: its entries are
+    // held to the custom lines' rule, so a blank one adds no tracker and a padded one no twin.
     QStringList trackers;
     QSet<QString> seen;
-    for (const QString &url : std::as_const(candidates)) {
-        if (!seen.contains(url)) {
+    for (const QString &candidate : std::as_const(candidates)) {
+        const QString url = candidate.trimmed();
+        if (!url.isEmpty() && !seen.contains(url)) {
             seen.insert(url);
             trackers.append(url);
         }

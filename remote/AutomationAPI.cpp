@@ -581,23 +581,6 @@ AutomationOutcome AutomationAPI::controlPlayer(const QJsonObject &arguments)
     return accepted();
 }
 
-std::variant<QString, AutomationError> AutomationAPI::absolutePath(const QString &path)
-{
-    if (!path.startsWith(QLatin1Char('/')) || AutomationCatalog::hasControlCharacter(path))
-        return AutomationError{QStringLiteral("Use an absolute local path without control characters.")};
-    // Resolved by hand: QDir::cleanPath keeps a ".." that climbs above the root ("/.."),
-    // and such a path must mean the root itself, not a directory named "..".
-    QStringList parts;
-    for (const QString &part : path.split(QLatin1Char('/'), Qt::SkipEmptyParts)) {
-        if (part == QLatin1String("..")) {
-            if (!parts.isEmpty())
-                parts.removeLast();
-        } else if (part != QLatin1String("."))
-            parts << part;
-    }
-    return QLatin1Char('/') + parts.join(QLatin1Char('/'));
-}
-
 std::optional<AutomationError> AutomationAPI::prepareDirectory(const QString &path)
 {
     std::error_code error;
@@ -628,25 +611,4 @@ QJsonObject AutomationAPI::settingsView(const AppSettings &s)
         {QStringLiteral("subtitle_languages"), s.subtitleLanguages},
         {QStringLiteral("subtitle_mode"), toWord(s.subtitleMode)},
     };
-}
-
-std::optional<AutomationError> AutomationAPI::checkPlayerParameters(const QJsonObject &arguments)
-{
-    const QString action = arguments.value(QLatin1String("action")).toString();
-    QString parameter;
-    if (action == QLatin1String("seek"))
-        parameter = QStringLiteral("seconds");
-    else if (action == QLatin1String("volume") || action == QLatin1String("speed"))
-        parameter = QStringLiteral("value");
-    else if (action == QLatin1String("audio") || action == QLatin1String("subtitle"))
-        parameter = QStringLiteral("option");
-    QStringList expected{QStringLiteral("action")};
-    if (!parameter.isEmpty())
-        expected << parameter;
-    QStringList keys = arguments.keys();
-    expected.sort();
-    keys.sort();
-    if (keys != expected)
-        return AutomationError{QStringLiteral("Provide only the parameter required by this player action.")};
-    return std::nullopt;
 }

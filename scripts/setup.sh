@@ -6,6 +6,8 @@ set -euo pipefail
 packages=(
   # toolchain
   build-essential cmake ninja-build ccache pkg-config git
+  # the parsers' fuzz targets: clang with libFuzzer, AddressSanitizer and UBSan
+  clang-14 libfuzzer-14-dev
   # swarm and player
   libtorrent-rasterbar-dev libmpv-dev
   # desktop toolkit

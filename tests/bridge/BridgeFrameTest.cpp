@@ -20,9 +20,9 @@ TEST(BridgeTextTest, LinesTrimAndDropEmptyOnes)
     EXPECT_TRUE(tb::lines(nullptr).empty());
     EXPECT_EQ(tb::lines("  a=1 \r\n\n\t b \n   \nc"), (std::vector<std::string>{"a=1", "b", "c"}));
 
-    const auto opts = tb::options("a=1\nnoequals\nb = x=y \na=2\n=empty-key\nc=");
+    const auto opts = tb::options("a=1\nnoequals\n  b = x=y \na=2\r\n=empty-key\nc=");
     EXPECT_EQ(opts.at("a"), "2");          // a later line wins
-    EXPECT_EQ(opts.at("b "), " x=y");      // split at the first "=" only, inner blanks kept
+    EXPECT_EQ(opts.at("b "), " x=y ");     // split at the first "=" only, the value's blanks kept
     EXPECT_EQ(opts.at(""), "empty-key");
     EXPECT_EQ(opts.at("c"), "");
     EXPECT_EQ(opts.count("noequals"), 0u);

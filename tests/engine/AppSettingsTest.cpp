@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <functional>
 #include <map>
 #include <ostream>
@@ -339,6 +340,9 @@ TEST(AppSettingsTest, FieldsBecomeTheirLibtorrentRows)
         {"negative limits", [](AppSettings &s) { s.downloadLimitKiB = -5; s.uploadLimitKiB = -1; }, rates("0", "0")},
         {"a rate beyond int", [](AppSettings &s) { s.downloadLimitKiB = 4000000; }, rates("2147483647", "0")},
         {"15 + 10 active", [](AppSettings &s) { s.activeDownloads = 15; }, {{"active_limit", "25"}}},
+        // The bridge reads numbers with atoi: a sum beyond int would come out negative.
+        {"active limits beyond int", [](AppSettings &s) { s.activeDownloads = s.activeSeeds = INT_MAX; },
+         {{"active_limit", "2147483647"}}},
         {"negative connections", [](AppSettings &s) { s.maxConnections = -3; }, {{"connections_limit", "0"}}},
         {"500 connections", [](AppSettings &s) { s.maxConnections = 500; }, {{"connections_limit", "500"}}},
         {"switches off", [](AppSettings &s) { s.upnp = s.utp = s.dht = s.lsd = false; },
@@ -349,6 +353,11 @@ TEST(AppSettingsTest, FieldsBecomeTheirLibtorrentRows)
              s.proxyKind = ProxyKind::Http;
              s.proxyPassword = QStringLiteral("pw\nenable_dht=0\r\n");
          }, {{"enable_dht", "1"}, {"proxy_password", "pwenable_dht=0"}}},
+        // The bridge reads the text as a C string: a NUL would end it there.
+        {"NUL", [](AppSettings &s) {
+             s.proxyKind = ProxyKind::Http;
+             s.proxyHost = QStringLiteral("a") + QChar(0) + QStringLiteral("b");
+         }, {{"proxy_hostname", "ab"}, {"user_agent", "Velix/0.1 libtorrent/2.1"}}},
     };
     for (const Case &c : cases) {
         AppSettings s = standard();
@@ -416,11 +425,11 @@ TEST(AppSettingsTest, ExtraTrackersCombineCustomFetchedAndBuiltInLists)
     customOnly.customTrackers = "  " + custom + " \r\n\n   \n" + fetchedA + "\n" + custom;
     EXPECT_EQ(customOnly.extraTrackers(), QStringList({custom, fetchedA}));
 
-    // On with a fetched list: custom, fetched (a repeat keeps its first place), then three TCP
-    // trackers that are always added.
+    // On with a fetched list: custom, fetched (a repeat keeps its first place, a padded entry
+    // is trimmed, a blank one goes), then three TCP trackers that are always added.
     AppSettings fetched = customOnly;
     fetched.autoTrackers = true;
-    fetched.fetchedTrackers = {fetchedA, fetchedB};
+    fetched.fetchedTrackers = {fetchedA, " " + fetchedB + "\t", QString(), QStringLiteral("  ")};
     const QStringList withFetched = fetched.extraTrackers();
     ASSERT_EQ(withFetched.size(), 6);
     EXPECT_EQ(withFetched.mid(0, 3), QStringList({custom, fetchedA, fetchedB}));
