@@ -68,6 +68,11 @@ lt::settings_pack make_pack(const char *text)
     }
     // The alert queue carries only what the bridge handles, whatever the text asked for.
     pack.set_int(lt::settings_pack::alert_mask, 0x40004D);
+    // Added trackers are told from a torrent's own by their tier alone. With this on, libtorrent
+    // swaps a udp tracker with an http tracker of the same host, tiers included, each time a
+    // list is replaced or a torrent loaded: the extra tag then lands on the torrent's own
+    // tracker, and clearing the extras takes that one out and keeps the extra.
+    pack.set_bool(lt::settings_pack::prefer_udp_trackers, false);
     return pack;
 }
 
@@ -257,7 +262,7 @@ void tb_session::handle_alert(lt::alert *alert)
         }
         case lt::save_resume_data_alert::alert_type: {
             auto *a = lt::alert_cast<lt::save_resume_data_alert>(alert);
-            const std::vector<char> bytes = lt::write_resume_data_buf(a->params);
+            const std::vector<char> bytes = resume_bytes(a->params);
             {
                 // Checked and written under one lock: tb_remove erases the record and deletes
                 // the file under it too, so a removed torrent never gets its file back from a
