@@ -69,6 +69,11 @@ lt::settings_pack make_pack(const char *text)
     }
     // The alert queue carries only what the bridge handles, whatever the text asked for.
     pack.set_int(lt::settings_pack::alert_mask, 0x40004D);
+    // Added trackers are told from a torrent's own by their tier alone. With this on, libtorrent
+    // swaps a udp tracker with an http tracker of the same host, tiers included, each time a
+    // list is replaced or a torrent loaded: the extra tag then lands on the torrent's own
+    // tracker, and clearing the extras takes that one out and keeps the extra.
+    pack.set_bool(lt::settings_pack::prefer_udp_trackers, false);
     return pack;
 }
 
@@ -436,7 +441,7 @@ void tb_session::handle_alert(lt::alert *alert)
             const std::string id = id_for(a->handle);
             // The write with its fsync goes to the worker; the save counts as done once the
             // file is on disk, so a shutdown that waits for its saves waits for the files.
-            post_work([this, id, bytes = lt::write_resume_data_buf(a->params)] {
+            post_work([this, id, bytes = resume_bytes(a->params)] {
                 // A failed write keeps the last good file, from which the torrent comes back at
                 // the next start; the next save asks for the data again.
                 const bool written = write_torrent_file(id, resume_path(id), bytes);

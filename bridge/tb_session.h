@@ -223,6 +223,8 @@ namespace tb {
 std::string id_of(const lt::info_hash_t &hashes);
 // Settings text to a pack; unknown keys are skipped, alert_mask is forced.
 lt::settings_pack make_pack(const char *text);
+// The resume file's bytes for a torrent's parameters, with its trackers' tiers as they stand.
+std::vector<char> resume_bytes(const lt::add_torrent_params &params);
 // "v1" then one index a line; other first words give an empty set.
 std::set<int> parse_presence(const std::vector<char> &bytes);
 std::string presence_text(const std::set<int> &present);

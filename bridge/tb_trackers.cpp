@@ -4,11 +4,14 @@
 #include "bridge/TrackerPolicy.h"
 
 #include <libtorrent/announce_entry.hpp>
+#include <libtorrent/bencode.hpp>
 #include <libtorrent/ip_filter.hpp>
 #include <libtorrent/peer_info.hpp>
 #include <libtorrent/torrent_info.hpp>
+#include <libtorrent/write_resume_data.hpp>
 
 #include <cstdio>
+#include <iterator>
 
 using namespace tb;
 
@@ -28,6 +31,24 @@ lt::ip_filter filter_of(const std::set<std::string> &banned)
 }
 
 } // namespace
+
+std::vector<char> tb::resume_bytes(const lt::add_torrent_params &params)
+{
+    // Resume data keeps a tracker's tier as the place of its list among the lists of tiers.
+    // libtorrent leaves the places between tiers unset, the encoder drops them, and a tagged
+    // tracker comes back from a restart as an untagged one, tier 1 instead of 99, which no
+    // policy run can take out again. Empty lists keep the places.
+    lt::entry resume = lt::write_resume_data(params);
+    if (lt::entry *tiers = resume.find_key("trackers"); tiers && tiers->type() == lt::entry::list_t) {
+        for (lt::entry &tier : tiers->list()) {
+            if (tier.type() == lt::entry::undefined_t)
+                tier = lt::entry::list_type();
+        }
+    }
+    std::vector<char> bytes;
+    lt::bencode(std::back_inserter(bytes), resume);
+    return bytes;
+}
 
 void tb_session::apply_trackers(TorrentRec &rec)
 {

@@ -792,8 +792,12 @@ void PlayerModel::performReload()
         sid = QString::number(subtitle->id);
     m_reloadExternal.clear();
     for (const MediaTrack &track : std::as_const(m_tracks)) {
-        if (track.external && track.selected)
-            m_reloadExternal.append(track);
+        if (!track.external || !track.selected)
+            continue;
+        // A track chosen while the stream waited is a wish for its kind; the file that played
+        // before comes back selected only when nothing else was wished for, or it was.
+        const std::optional<QString> &wish = track.kind == MediaTrack::Kind::Audio ? m_reloadAudio : m_reloadSubtitle;
+        m_reloadExternal.append({track, !wish || *wish == QString::number(track.id)});
     }
     const double target = *m_reloadTarget;
     m_reloadTarget.reset();
@@ -821,13 +825,13 @@ void PlayerModel::finishReload()
 {
     m_reloading = false;
     // The aid and sid options chose the tracks inside the file; loaded track files are added
-    // back as they were.
-    for (const MediaTrack &track : std::as_const(m_reloadExternal)) {
+    // back, and selected again only where performReload found no other wish.
+    for (const auto &[track, select] : std::as_const(m_reloadExternal)) {
         if (!track.externalFile)
             continue;
         m_core->commandAsync({track.kind == MediaTrack::Kind::Audio ? QStringLiteral("audio-add") : QStringLiteral("sub-add"),
-                              *track.externalFile, QStringLiteral("select"), track.title.value_or(QString()),
-                              track.language.value_or(QString())});
+                              *track.externalFile, select ? QStringLiteral("select") : QStringLiteral("auto"),
+                              track.title.value_or(QString()), track.language.value_or(QString())});
     }
     m_reloadExternal.clear();
 }

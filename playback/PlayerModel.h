@@ -304,7 +304,8 @@ private:
     std::optional<double> m_reloadTarget;
     std::optional<QString> m_reloadAudio;
     std::optional<QString> m_reloadSubtitle;
-    QList<MediaTrack> m_reloadExternal;
+    // Loaded track files to add back after the reload, each with whether it is to be selected.
+    QList<std::pair<MediaTrack, bool>> m_reloadExternal;
     bool m_reloading = false; // the next fileLoaded belongs to a reload
     uint64_t m_openGeneration = 0;
     std::shared_ptr<TaskToken> m_progressTask;

@@ -34,6 +34,23 @@ AutomationError unknownFileIndex()
     return AutomationError{QStringLiteral("Unknown or padding file index.")};
 }
 
+// The levels the files report gives as prio, so that an agent writes back what it read.
+std::optional<FilePriority> priorityOfLevel(const QJsonValue &level)
+{
+    if (!level.isDouble())
+        return std::nullopt;
+    const double value = level.toDouble();
+    if (value == 0)
+        return FilePriority::skip;
+    if (value == 1)
+        return FilePriority::low;
+    if (value == 4)
+        return FilePriority::normal;
+    if (value == 7)
+        return FilePriority::high;
+    return std::nullopt;
+}
+
 QJsonObject accepted()
 {
     return QJsonObject{{QStringLiteral("accepted"), true}};
@@ -414,6 +431,11 @@ QCoro::Task<AutomationOutcome> AutomationAPI::torrentAction(QString id, QJsonObj
 
 QCoro::Task<AutomationOutcome> AutomationAPI::setFilePriority(QString id, QJsonObject arguments)
 {
+    // The schema's enum already holds the value to these four; a catalog that says otherwise
+    // must not turn a stray number into some priority.
+    const auto priority = priorityOfLevel(arguments.value(QLatin1String("priority")));
+    if (!priority)
+        co_return AutomationError{QStringLiteral("Invalid arguments.priority")};
     QPointer<TorrentEngine> engine = m_engine;
     auto report = engine->files(id);
     const QList<TorrentFile> files = co_await std::move(report);
@@ -425,8 +447,7 @@ QCoro::Task<AutomationOutcome> AutomationAPI::setFilePriority(QString id, QJsonO
         if (found == files.end() || found->pad)
             co_return unknownFileIndex();
     }
-    const int raw = arguments.value(QLatin1String("priority")).toInt();
-    QCoro::Task<void> setting = engine->setPriority(id, chosen, static_cast<FilePriority>(raw));
+    QCoro::Task<void> setting = engine->setPriority(id, chosen, *priority);
     co_await std::move(setting);
     co_return QJsonValue(accepted());
 }

@@ -4,7 +4,9 @@
 #include "library/MainUIState.h"
 #include "playback/PlayerModel.h"
 #include "remote/ControlWindows.h"
+#include "remote/HttpConnection.h"
 #include "remote/HttpRequest.h"
+#include "remote/PeerCredentials.h"
 #include "remote/RouteParameters.h"
 #include "remote/StateDocument.h"
 #include "remote/StreamResponder.h"
@@ -12,33 +14,39 @@
 #include <QCoreApplication>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QScopeGuard>
 #include <QTcpServer>
-#include <QTcpSocket>
 #include <QTimer>
 #include <QUrl>
-#include <QUrlQuery>
+#include <QtConcurrent/QtConcurrentRun>
 
 #include <QCoroFuture>
 
 #include <algorithm>
-#include <fcntl.h>
 #include <limits>
-#include <memory>
-#include <sys/socket.h>
+#include <unistd.h>
 #include <utility>
 
 namespace {
 
-// The whole request head must come in one read of at most this much; a body is never read.
-constexpr qint64 MaxRequestBytes = 64 * 1024;
-// A connection that sends nothing is dropped after this long.
-constexpr int IdleMs = 30000;
-// After an answer the connection waits this long for the client to close first, reading and
-// dropping what it still sends: closing on unread data would reset the connection and could
-// cost the client the answer.
-constexpr int LingerMs = 2000;
-
 using Query = QMap<QString, QString>;
+
+// Hands each accepted socket over as it is, before Qt wraps it in a QTcpSocket.
+class DescriptorListener : public QTcpServer
+{
+public:
+    DescriptorListener(std::function<void(int)> onAccept, QObject *parent)
+        : QTcpServer(parent)
+        , m_onAccept(std::move(onAccept))
+    {
+    }
+
+protected:
+    void incomingConnection(qintptr descriptor) override { m_onAccept(static_cast<int>(descriptor)); }
+
+private:
+    std::function<void(int)> m_onAccept;
+};
 
 QByteArray json(const QJsonValue &value)
 {
@@ -114,13 +122,12 @@ bool ControlServer::start(quint16 port)
 {
     if (m_listener)
         return m_listener->isListening();
-    auto *listener = new QTcpServer(this);
+    auto *listener = new DescriptorListener([this](int descriptor) { admit(descriptor); }, this);
     if (!listener->listen(QHostAddress::LocalHost, port)) {
         delete listener;
         return false;
     }
     m_listener = listener;
-    connect(m_listener, &QTcpServer::newConnection, this, &ControlServer::acceptConnections);
     return true;
 }
 
@@ -138,6 +145,21 @@ void ControlServer::stopStreams()
     qDeleteAll(streams);
 }
 
+QCoro::Task<void> ControlServer::admit(int descriptor)
+{
+    QPointer<ControlServer> self(this);
+    // The lookup reads /proc, which grows with every peer connection of the session.
+    const std::optional<quint32> uid = co_await QtConcurrent::run([descriptor] { return peerUid(descriptor); });
+    if (!self || uid != static_cast<quint32>(::geteuid())) {
+        // Another user's process, or one that can't be told: no answer at all.
+        ::close(descriptor);
+        co_return;
+    }
+    new HttpConnection(descriptor, [this](HttpConnection *connection, const HttpRequest &request) {
+        handle(connection, request);
+    }, this);
+}
+
 QJsonObject ControlServer::state() const
 {
     return stateDocument(m_engine, m_player, m_ui);
@@ -145,87 +167,39 @@ QJsonObject ControlServer::state() const
 
 // Connections -----------------------------------------------------------------------------------
 
-void ControlServer::acceptConnections()
+void ControlServer::handle(HttpConnection *connection, const HttpRequest &request)
 {
-    while (QTcpSocket *socket = m_listener->nextPendingConnection()) {
-        // Qt reads no more than one request's worth into memory, whatever the client sends.
-        socket->setReadBufferSize(MaxRequestBytes);
-        connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-        auto *idle = new QTimer(socket);
-        idle->setSingleShot(true);
-        idle->setObjectName(QStringLiteral("idle"));
-        connect(idle, &QTimer::timeout, socket, [socket] {
-            socket->abort();
-            socket->deleteLater();
-        });
-        idle->start(IdleMs);
-        auto once = std::make_shared<QMetaObject::Connection>();
-        *once = connect(socket, &QTcpSocket::readyRead, this, [this, socket, once] {
-            disconnect(*once);
-            if (auto *timer = socket->findChild<QTimer *>(QStringLiteral("idle")))
-                timer->stop();
-            readRequest(socket);
-        });
-    }
-}
-
-void ControlServer::readRequest(QTcpSocket *socket)
-{
-    const auto request = parseHttpRequest(socket->read(MaxRequestBytes));
-    if (!request) {
-        socket->abort();
-        socket->deleteLater();
+    if (isForeignRequest(request)) {
+        connection->answer("200 OK", error(QStringLiteral("forbidden")));
         return;
     }
-    if (isForeignRequest(*request)) {
-        reply(socket, "200 OK", error(QStringLiteral("forbidden")));
-        return;
-    }
-    if (isStreamTarget(request->target)) {
-        serveStream(socket, request->target, request->method == QLatin1String("HEAD"), request->header("range"));
-        return;
-    }
-    QCoro::connect(route(request->target), socket, [this, socket](const QByteArray &text) {
-        reply(socket, "200 OK", text);
-    });
-}
-
-void ControlServer::reply(QTcpSocket *socket, const QByteArray &status, const QByteArray &text)
-{
-    if (!socket)
-        return;
-    QByteArray message = "HTTP/1.1 " + status + "\r\nContent-Type: application/json; charset=utf-8\r\nContent-Length: ";
-    message += QByteArray::number(text.size()) + "\r\nConnection: close\r\n\r\n" + text;
-    socket->write(message);
-
-    auto linger = [socket] {
-        // The answer is out: end our side, then drop whatever the client still sends until it
-        // closes too, or the wait runs out.
-        ::shutdown(static_cast<int>(socket->socketDescriptor()), SHUT_WR);
-        QObject::connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->readAll(); });
-        socket->readAll();
-        QTimer::singleShot(LingerMs, socket, [socket] {
-            socket->abort();
-            socket->deleteLater();
-        });
-    };
-    if (socket->bytesToWrite() == 0) {
-        linger();
-        return;
-    }
-    auto written = std::make_shared<QMetaObject::Connection>();
-    *written = connect(socket, &QTcpSocket::bytesWritten, socket, [socket, written, linger] {
-        if (socket->bytesToWrite() > 0)
+    if (isStreamTarget(request.target)) {
+        // Each stream holds a thread and a reader with its piece deadlines; past a handful,
+        // more of them only compete for the same pieces.
+        if (m_streams.size() + m_streamsStarting >= MaxStreams) {
+            connection->answer("503 Service Unavailable", error(QStringLiteral("too many streams")));
             return;
-        QObject::disconnect(*written);
-        linger();
-    });
+        }
+        ++m_streamsStarting;
+        serveStream(connection, request.target, request.method == QLatin1String("HEAD"), request.header("range"));
+        return;
+    }
+    QCoro::connect(route(request.target), connection,
+                   [connection](const QByteArray &text) { connection->answer("200 OK", text); });
 }
 
-QCoro::Task<void> ControlServer::serveStream(QPointer<QTcpSocket> socket, QString target, bool headOnly,
+QCoro::Task<void> ControlServer::serveStream(QPointer<HttpConnection> connection, QString target, bool headOnly,
                                               std::optional<QByteArray> range)
 {
     QPointer<ControlServer> self(this);
+    auto starting = qScopeGuard([self] {
+        if (self)
+            --self->m_streamsStarting;
+    });
+    auto reply = [&connection](const QByteArray &status, const QByteArray &json) {
+        if (connection)
+            connection->answer(status, json);
+    };
     const QUrl url(QStringLiteral("http://localhost") + target, QUrl::StrictMode);
     const QStringList parts = url.path().split(QLatin1Char('/'));
     // "", "stream", id, index, and the file's name, which only helps players guess the type.
@@ -233,35 +207,28 @@ QCoro::Task<void> ControlServer::serveStream(QPointer<QTcpSocket> socket, QStrin
     const int index = parts.value(3).toInt(&indexValid);
     const QString id = parts.value(2);
     if (!url.isValid() || id.isEmpty() || !indexValid || index < 0) {
-        reply(socket, "404 Not Found", error(QStringLiteral("id/file")));
+        reply("404 Not Found", error(QStringLiteral("id/file")));
         co_return;
     }
     TorrentEngine *engine = m_engine;
     if (!engine || engine->isShutDown()) {
-        reply(socket, "503 Service Unavailable", error(QStringLiteral("engine")));
+        reply("503 Service Unavailable", error(QStringLiteral("engine")));
         co_return;
     }
     auto filesTask = engine->files(id);
     const QList<TorrentFile> files = co_await std::move(filesTask);
-    if (!self || !socket || !self->m_engine || self->m_engine->isShutDown())
+    if (!self || !connection || !self->m_engine || self->m_engine->isShutDown())
         co_return;
     const auto file = std::find_if(files.begin(), files.end(), [index](const TorrentFile &f) { return f.i == index; });
     if (file == files.end()) {
-        reply(socket, "404 Not Found", error(QStringLiteral("file")));
+        reply("404 Not Found", error(QStringLiteral("file")));
         co_return;
     }
 
-    // The connection leaves Qt here: a duplicate of its descriptor goes to the stream's thread,
-    // and the socket object closes only its own copy.
-    const int descriptor = ::fcntl(static_cast<int>(socket->socketDescriptor()), F_DUPFD_CLOEXEC, 0);
-    if (descriptor < 0) {
-        socket->abort();
+    // The connection leaves the main thread here: its socket goes to the stream's thread.
+    const int descriptor = connection->takeDescriptor();
+    if (descriptor < 0)
         co_return;
-    }
-    socket->abort();
-    socket->deleteLater();
-    ::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
-
     StreamRequest request;
     request.opener = self->m_engine->streamOpener(id, index);
     request.size = file->size;
@@ -282,11 +249,10 @@ QCoro::Task<void> ControlServer::serveStream(QPointer<QTcpSocket> socket, QStrin
 QCoro::Task<QByteArray> ControlServer::route(QString target)
 {
     const QUrl url(QStringLiteral("http://localhost") + target, QUrl::StrictMode);
-    if (!url.isValid())
+    const std::optional<Query> items = RouteParameters::formQuery(target);
+    if (!url.isValid() || !items)
         co_return error(QStringLiteral("bad request"));
-    Query query;
-    for (const auto &[name, value] : QUrlQuery(url).queryItems(QUrl::FullyDecoded))
-        query.insert(name, value);
+    const Query &query = *items;
     const QString path = url.path();
     auto is = [&path](const char *name) { return path == QLatin1String(name); };
 

@@ -14,10 +14,11 @@
 #include <optional>
 
 class ControlWindows;
+class HttpConnection;
+struct HttpRequest;
 class MainUIState;
 class PlayerModel;
 class QTcpServer;
-class QTcpSocket;
 class StreamResponder;
 class TorrentEngine;
 
@@ -31,8 +32,11 @@ class TorrentEngine;
 // them, /stream/<id>/<file index>/<name> serves a file of a torrent over HTTP with ranges while it
 // downloads, so any player or browser on the machine can play it.
 //
+// Only the user who runs Velix is served: a connection from another local user's process is
+// closed unanswered. At most MaxStreams streams run at a time; one more gets a 503.
+//
 // Connections are accepted and routes run on the main thread; a stream's body is written by a
-// thread of its own.
+// thread of its own, which ends with its connection.
 class ControlServer : public QObject
 {
     Q_OBJECT
@@ -58,6 +62,7 @@ public:
     // The application calls this before the engine closes its session.
     void stopStreams();
     int activeStreams() const { return static_cast<int>(m_streams.size()); }
+    static constexpr int MaxStreams = 8;
 
     // The state document (see stateDocument).
     QJsonObject state() const;
@@ -67,10 +72,9 @@ public:
     QCoro::Task<QByteArray> route(QString target);
 
 private:
-    void acceptConnections();
-    void readRequest(QTcpSocket *socket);
-    void reply(QTcpSocket *socket, const QByteArray &status, const QByteArray &json);
-    QCoro::Task<void> serveStream(QPointer<QTcpSocket> socket, QString target, bool headOnly,
+    QCoro::Task<void> admit(int descriptor);
+    void handle(HttpConnection *connection, const HttpRequest &request);
+    QCoro::Task<void> serveStream(QPointer<HttpConnection> connection, QString target, bool headOnly,
                                   std::optional<QByteArray> range);
 
     QCoro::Task<QByteArray> add(QMap<QString, QString> query);
@@ -93,4 +97,5 @@ private:
     std::function<void()> m_quit;
     QTcpServer *m_listener = nullptr;
     QList<StreamResponder *> m_streams;
+    int m_streamsStarting = 0; // admitted, still looking up their file
 };

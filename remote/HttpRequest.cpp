@@ -16,6 +16,18 @@ std::optional<QByteArray> HttpRequest::header(const QByteArray &lowerCaseName) c
     return std::nullopt;
 }
 
+HeadScan scanHead(QByteArrayView data)
+{
+    // The blank line may end at most at MaxHeadBytes; a search past that would only find a
+    // head that is too big anyway.
+    const qsizetype end = data.first(std::min(data.size(), MaxHeadBytes)).indexOf(QByteArrayView("\r\n\r\n"));
+    if (end >= 0)
+        return {HeadScan::State::complete, end + 4};
+    if (data.size() >= MaxHeadBytes)
+        return {HeadScan::State::tooBig, 0};
+    return {};
+}
+
 std::optional<HttpRequest> parseHttpRequest(const QByteArray &data)
 {
     if (data.isEmpty())

@@ -1,15 +1,33 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayView>
 #include <QList>
 #include <QPair>
 #include <QString>
 
 #include <optional>
 
-// The little of HTTP/1.1 the control server speaks: one request head read whole in one read,
-// answers that close the connection. Requests come from anything that can reach the port, so
-// parsing never trusts a length, an order or an encoding it was given.
+// The little of HTTP/1.1 the control server speaks: one request head, gathered over as many
+// segments as the client sends it in, and answers that close the connection. Requests come from
+// anything that can reach the port, so parsing never trusts a length, an order or an encoding it
+// was given.
+
+// The most a request head may take, its blank line included.
+inline constexpr qsizetype MaxHeadBytes = 64 * 1024;
+
+struct HeadScan
+{
+    enum class State { incomplete, complete, tooBig };
+    State state = State::incomplete;
+    qsizetype length = 0; // with complete: the head's bytes, blank line included
+    bool operator==(const HeadScan &) const = default;
+};
+
+// Where the head ends in the bytes that have arrived so far: complete once "\r\n\r\n" stands
+// within the first MaxHeadBytes; tooBig once that many bytes have come without it; incomplete
+// before. Whatever follows the blank line is a body and is never looked at.
+HeadScan scanHead(QByteArrayView data);
 
 struct HttpRequest
 {
@@ -27,7 +45,7 @@ struct HttpRequest
     bool operator==(const HttpRequest &) const = default;
 };
 
-// None when the data is empty or not valid UTF-8: such a connection is dropped unanswered.
+// None when the data is empty or not valid UTF-8: such a request is a bad one.
 std::optional<HttpRequest> parseHttpRequest(const QByteArray &data);
 
 // Whether a request may have come from a web page rather than a script, and so must not act.

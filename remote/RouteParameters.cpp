@@ -1,8 +1,75 @@
 #include "remote/RouteParameters.h"
 
+#include <QByteArrayView>
+#include <QStringDecoder>
+
 #include <limits>
 
 namespace RouteParameters {
+
+namespace {
+
+int hexDigit(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+std::optional<QString> formDecoded(QByteArrayView text)
+{
+    QByteArray bytes;
+    bytes.reserve(text.size());
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const char c = text.at(i);
+        if (c == '+') {
+            bytes += ' ';
+        } else if (c == '%') {
+            const int high = i + 2 < text.size() ? hexDigit(text.at(i + 1)) : -1;
+            const int low = high >= 0 ? hexDigit(text.at(i + 2)) : -1;
+            if (low < 0)
+                return std::nullopt;
+            bytes += static_cast<char>(high * 16 + low);
+            i += 2;
+        } else {
+            bytes += c;
+        }
+    }
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    QString decoded = decoder.decode(bytes);
+    if (decoder.hasError())
+        return std::nullopt;
+    return decoded;
+}
+
+} // namespace
+
+std::optional<QMap<QString, QString>> formQuery(const QString &target)
+{
+    QMap<QString, QString> items;
+    const qsizetype mark = target.indexOf(QLatin1Char('?'));
+    if (mark < 0)
+        return items;
+    QByteArray query = target.mid(mark + 1).toUtf8();
+    if (const qsizetype hash = query.indexOf('#'); hash >= 0)
+        query.truncate(hash);
+    for (const QByteArray &piece : query.split('&')) {
+        const QByteArrayView item(piece);
+        if (item.isEmpty())
+            continue;
+        const qsizetype equals = item.indexOf('=');
+        const auto name = formDecoded(equals < 0 ? item : item.first(equals));
+        const auto value = formDecoded(equals < 0 ? QByteArrayView() : item.sliced(equals + 1));
+        if (!name || !value)
+            return std::nullopt;
+        items.insert(*name, *value);
+    }
+    return items;
+}
 
 QList<int> indexList(const QString &text)
 {

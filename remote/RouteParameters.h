@@ -3,12 +3,22 @@
 #include "engine/TorrentReports.h"
 
 #include <QList>
+#include <QMap>
 #include <QString>
 #include <QtGlobal>
+
+#include <optional>
 
 // How the control routes read their query parameters. Query strings come from anyone who can
 // reach the port, so every reader has a meaning for malformed text rather than a failure.
 namespace RouteParameters {
+
+// The query of a request target ("/add?path=a+b" gives "path" = "a b"), decoded as forms are:
+// "+" is a space and "%2B" a plus, so that scripts, shells and browsers all reach the same value.
+// A later repeat of a name replaces an earlier one, and a name without "=" has an empty value.
+// None when a percent sign starts no escape or the bytes decode to no UTF-8: a value that
+// names a file must not be guessed at.
+std::optional<QMap<QString, QString>> formQuery(const QString &target);
 
 // Comma-separated file indices ("1,foo,3"); pieces that are not whole non-negative numbers are
 // dropped and the rest kept in order.

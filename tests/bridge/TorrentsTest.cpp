@@ -1,4 +1,4 @@
-#include "bridge/BridgeHarness.h"
+#include "BridgeHarness.h"
 
 #include "support/LocalSwarm.h"
 #include "support/TestSupport.h"

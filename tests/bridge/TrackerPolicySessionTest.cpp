@@ -114,3 +114,34 @@ TEST(TrackerPolicySessionTest, MatchingPeerIsBannedUntilTheListIsEmptied)
     seeder.connectTo(film, bridge.port());
     EXPECT_TRUE(waitFor([&] { return !bridge.peers(id).isEmpty(); }, std::chrono::seconds(60)));
 }
+
+TEST(TrackerPolicySessionTest, AnExtraUdpTrackerOnTheTorrentsOwnHostKeepsItsTagAcrossARestart)
+{
+    // libtorrent likes udp before http on one host and would trade the two places, tiers and
+    // all; the tier is the only thing that tells the extra apart.
+    TempDir dir;
+    const std::string data = dir.file("data");
+    const std::string own = "http://tracker.example.org:2710/announce";
+    const std::string extra = "udp://tracker.example.org:6969/announce";
+    writePatternFile(data + "/film.bin", 20 * 1024, 4);
+    TorrentOptions options;
+    options.trackers = {own};
+    const MadeTorrent film = makeTorrent(data, "film.bin", dir.file("torrents"), options);
+    const Trackers tagged = {{own, 0}, {extra, tb::ExtraTier}};
+
+    std::string id;
+    {
+        LiveBridge bridge(dir.file("state"));
+        tb_set_extra_trackers(bridge.get(), extra.c_str(), true);
+        id = bridge.add(film.torrentPath, data, true);
+        ASSERT_FALSE(id.empty());
+        EXPECT_EQ(trackersOf(bridge, id), tagged);
+    }
+    // The list comes back from the resume data, and the engine sets the same extras again.
+    LiveBridge bridge(dir.file("state"));
+    ASSERT_FALSE(bridge.status(id).isEmpty());
+    tb_set_extra_trackers(bridge.get(), extra.c_str(), true);
+    EXPECT_EQ(trackersOf(bridge, id), tagged);
+    tb_set_extra_trackers(bridge.get(), "", true);
+    EXPECT_EQ(trackersOf(bridge, id), (Trackers{{own, 0}}));
+}

@@ -1,7 +1,7 @@
 // The MPV core with real libmpv (no picture, no sound) playing files of a real torrent through
 // its stream addresses, while the torrent downloads from a seeder on 127.0.0.1.
 
-#include "bridge/LiveBridge.h"
+#include "bridgetest/LiveBridge.h"
 
 #include "playback/MPVCore.h"
 #include "playback/StreamAddress.h"

@@ -1,7 +1,7 @@
 // A series played the way a user plays it: real libmpv (no picture, no sound) reading a torrent
 // that downloads from a seeder on 127.0.0.1, through the player model and a real engine.
 
-#include "tests/playback/RecordingCore.h"
+#include "RecordingCore.h"
 
 #include "engine/TorrentEngine.h"
 #include "playback/PlayerModel.h"

@@ -1,7 +1,7 @@
 // The player model over a real engine, with a recording core in libmpv's place: the test plays
 // libmpv's part by handing the model events, and reads what the model asked libmpv to do.
 
-#include "tests/playback/RecordingCore.h"
+#include "RecordingCore.h"
 
 #include "engine/TorrentEngine.h"
 #include "playback/PlayerModel.h"
@@ -318,6 +318,60 @@ TEST_F(PlayerModelTest, SeeksAndSwitchesWhileTheStreamIsBlockedMakeOneReload)
     model->handle(flag("paused-for-cache", true));
     model->handle(flag("paused-for-cache", false));
     EXPECT_EQ(log->valuesOf(QStringLiteral("cache-pause-wait")), QStringList{QStringLiteral("6")});
+}
+
+TEST_F(PlayerModelTest, ATrackChosenWhileTheStreamWaitsIsNotUndoneByTheReload)
+{
+    auto model = makeModel();
+    openAndLoad(*model, SomeTorrent, fileAt(2, "Film/film.mkv"));
+    const auto loaded = [](int id, MediaTrack::Kind kind, int file, const char *title) {
+        MediaTrack t = track(id, kind, "eng", true);
+        t.external = true;
+        t.externalFile = streamAddress(SomeTorrent, file);
+        t.title = QString::fromUtf8(title);
+        return t;
+    };
+    const MediaTrack dub = loaded(3, MediaTrack::Kind::Audio, 8, "Studio");
+    const MediaTrack subtitles = loaded(4, MediaTrack::Kind::Sub, 9, "eng · SRT");
+    const QList<MediaTrack> playing{track(1, MediaTrack::Kind::Audio, "rus"), dub, track(1, MediaTrack::Kind::Sub, "rus"),
+                                    subtitles};
+    fileLoads(*model, playing, 3600.0);
+    blockedShare = 0.25;
+
+    // How each loaded file comes back after a reload that carried these wishes.
+    struct Row
+    {
+        const char *audio;    // option chosen while blocked, or none
+        const char *subtitle; // likewise
+        const char *dubFlag;
+        const char *subtitleFlag;
+    };
+    const Row rows[] = {
+        {"a1", nullptr, "auto", "select"},    // the film's own sound over the dub
+        {nullptr, "off", "select", "auto"},   // subtitles turned off, the dub kept
+        {"a3", "s1", "select", "auto"},       // the dub chosen again: it stays
+        {nullptr, nullptr, "select", "select"}, // a seek alone changes no track
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(std::string(row.audio ? row.audio : "-") + " " + (row.subtitle ? row.subtitle : "-"));
+        log->clear();
+        blockedShare = 0.25;
+        model->seek(100.0);
+        if (row.audio)
+            model->select(QString::fromUtf8(row.audio), true);
+        if (row.subtitle)
+            model->select(QString::fromUtf8(row.subtitle), false);
+        ASSERT_TRUE(waitFor([&] { return log->loads() == 1; }));
+        blockedShare = -1.0;
+        fileLoads(*model, playing, 3600.0);
+        const QList<QStringList> audioAdds = log->commandsNamed(QStringLiteral("audio-add"));
+        const QList<QStringList> subAdds = log->commandsNamed(QStringLiteral("sub-add"));
+        ASSERT_EQ(audioAdds.size(), 1);
+        ASSERT_EQ(subAdds.size(), 1);
+        EXPECT_EQ(audioAdds.first().mid(1, 2), (QStringList{streamAddress(SomeTorrent, 8), QString::fromUtf8(row.dubFlag)}));
+        EXPECT_EQ(subAdds.first().mid(1, 2),
+                  (QStringList{streamAddress(SomeTorrent, 9), QString::fromUtf8(row.subtitleFlag)}));
+    }
 }
 
 TEST_F(PlayerModelTest, ProgressFollowsTheDownloadAndFetchesTheNextEpisodeEarly)

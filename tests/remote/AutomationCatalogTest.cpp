@@ -134,10 +134,14 @@ TEST(AutomationCatalogTest, ShippedCatalogStatesEveryToolAndItsLimits)
                                   "update_settings", "play_file", "control_player"}));
 
     const QByteArray id(40, 'a');
-    const std::array<std::tuple<const char *, QByteArray, const char *>, 6> rows{{
+    const std::array<std::tuple<const char *, QByteArray, const char *>, 9> rows{{
         {"add_torrent", R"({"source":"/t/a.torrent","files":[0,0]})", "Invalid arguments.files"},
         {"torrent_action", R"({"id":")" + id + R"(","action":"delete"})", "Invalid arguments.action"},
-        {"set_file_priority", R"({"id":")" + id + R"(","files":[1],"priority":4})", "Invalid arguments.priority"},
+        // The levels the files report gives, and no other.
+        {"set_file_priority", R"({"id":")" + id + R"(","files":[1],"priority":4})", "ok"},
+        {"set_file_priority", R"({"id":")" + id + R"(","files":[1],"priority":7.0})", "ok"},
+        {"set_file_priority", R"({"id":")" + id + R"(","files":[1],"priority":3})", "Invalid arguments.priority"},
+        {"set_file_priority", R"({"id":")" + id + R"(","files":[1],"priority":"4"})", "Invalid arguments.priority"},
         {"set_torrent_limits", R"({"id":")" + id + R"(","upload_kib":2097152})", "Invalid arguments.upload_kib"},
         {"update_settings", R"({"subtitle_mode":"sometimes"})", "Invalid arguments.subtitle_mode"},
         {"control_player", R"({"action":"speed","value":4})", "ok"},

@@ -78,9 +78,15 @@ TEST(AutomationEndToEndTest, AgentAddsPlaysControlsAndRemovesATorrent)
         else if (path.endsWith(QLatin1String(".srt")))
             subtitles = f[QLatin1String("i")].toInt();
     }
-    EXPECT_EQ(tool(QStringLiteral("set_file_priority"), {{"id", id}, {"files", QJsonArray{subtitles, 99}}, {"priority", 3}}),
+    EXPECT_EQ(tool(QStringLiteral("set_file_priority"), {{"id", id}, {"files", QJsonArray{subtitles, 99}}, {"priority", 7}}),
               (QJsonObject{{"error", "Unknown or padding file index."}}));
-    EXPECT_EQ(tool(QStringLiteral("set_file_priority"), {{"id", id}, {"files", QJsonArray{subtitles}}, {"priority", 3}}),
+    // What the details say of a file can be written back as it stands.
+    const QJsonValue readBack =
+        tool(QStringLiteral("get_torrent_details"), {{"id", id}}).value(QLatin1String("files"))[video][QLatin1String("prio")];
+    EXPECT_EQ(readBack.toInt(), 4);
+    EXPECT_EQ(tool(QStringLiteral("set_file_priority"), {{"id", id}, {"files", QJsonArray{video}}, {"priority", readBack}}),
+              accepted);
+    EXPECT_EQ(tool(QStringLiteral("set_file_priority"), {{"id", id}, {"files", QJsonArray{subtitles}}, {"priority", 7}}),
               accepted);
     // A limit not given keeps its value.
     EXPECT_EQ(tool(QStringLiteral("set_torrent_limits"), {{"id", id}}),
@@ -98,6 +104,7 @@ TEST(AutomationEndToEndTest, AgentAddsPlaysControlsAndRemovesATorrent)
     EXPECT_EQ(details.value(QLatin1String("torrent"))[QLatin1String("connectionsLimit")].toInt(), 20);
     EXPECT_EQ(details.value(QLatin1String("torrent"))[QLatin1String("uploadsLimit")].toInt(), 4);
     EXPECT_EQ(details.value(QLatin1String("files"))[subtitles][QLatin1String("prio")].toInt(), 7);
+    EXPECT_EQ(details.value(QLatin1String("files"))[video][QLatin1String("prio")].toInt(), 4);
 
     // Each player action takes its own parameter, which is checked before anything else.
     EXPECT_EQ(control({{"action", "pause"}, {"seconds", 1}}), "Provide only the parameter required by this player action.");

@@ -20,7 +20,14 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <atomic>
 #include <memory>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
 
 namespace controltest {
 
@@ -76,6 +83,59 @@ public:
 private:
     QTcpSocket m_socket;
     QByteArray m_received;
+};
+
+// A client on a thread of its own, with plain sockets: it sends its request in pieces with a
+// pause between them, so the server gets them as separate segments, may end its side with a
+// half-close, and collects everything until the server closes. The test's thread keeps
+// running the server meanwhile.
+class PiecewiseClient
+{
+public:
+    PiecewiseClient(quint16 port, QList<QByteArray> pieces, bool halfClose)
+        : m_thread([this, port, pieces = std::move(pieces), halfClose] { run(port, pieces, halfClose); })
+    {
+    }
+    ~PiecewiseClient() { m_thread.join(); }
+
+    HttpAnswer finish()
+    {
+        EXPECT_TRUE(testsupport::waitFor([this] { return m_done.load(); }, std::chrono::seconds(60)));
+        return m_done ? parseAnswer(m_received) : HttpAnswer{};
+    }
+    const QByteArray &received() const { return m_received; }
+
+private:
+    void run(quint16 port, const QList<QByteArray> &pieces, bool halfClose)
+    {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const int one = 1;
+        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        const timeval limit{60, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        if (::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
+            for (const QByteArray &piece : pieces) {
+                ::send(fd, piece.constData(), static_cast<size_t>(piece.size()), MSG_NOSIGNAL);
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            }
+            if (halfClose)
+                ::shutdown(fd, SHUT_WR);
+            char buffer[4096];
+            ssize_t n = 0;
+            while ((n = ::recv(fd, buffer, sizeof buffer, 0)) > 0)
+                m_received.append(buffer, n);
+        }
+        ::close(fd);
+        m_done = true;
+    }
+
+    QByteArray m_received;
+    std::atomic<bool> m_done{false};
+    std::thread m_thread;
 };
 
 inline QByteArray request(quint16 port, const QByteArray &target, const QByteArray &extraHeaders = {},

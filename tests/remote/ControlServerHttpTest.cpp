@@ -30,6 +30,32 @@ TEST(HttpRequestTest, ReadsTheRequestLineAndOnlyWholeHeaderLines)
     EXPECT_EQ(parseHttpRequest("GET /\xff\xfe HTTP/1.1\r\n\r\n"), std::nullopt);
 }
 
+TEST(HttpRequestTest, TheHeadEndsAtItsBlankLineWithin64KiB)
+{
+    using State = HeadScan::State;
+    const QByteArray head = "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+    // Filler that brings a head's blank line to end exactly `end` bytes in.
+    auto endingAt = [](qsizetype end) {
+        const QByteArray start = "GET / HTTP/1.1\r\nX: ";
+        return start + QByteArray(end - start.size() - 4, 'a') + "\r\n\r\n";
+    };
+    const std::vector<std::tuple<QByteArray, HeadScan>> rows{
+        {"", {}},
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n", {}},
+        {"GET / HTTP/1.1\r\n\r", {}},
+        {"GET / HTTP/1.1\n\n", {}}, // bare line feeds end nothing
+        {head, {State::complete, head.size()}},
+        // A body past the head is no part of it, however long.
+        {head + QByteArray(200 * 1024, 'x'), {State::complete, head.size()}},
+        {endingAt(MaxHeadBytes), {State::complete, MaxHeadBytes}},
+        {endingAt(MaxHeadBytes + 1), {State::tooBig, 0}},
+        {QByteArray(MaxHeadBytes - 1, 'a'), {}},
+        {QByteArray(MaxHeadBytes, 'a'), {State::tooBig, 0}},
+    };
+    for (const auto &[data, scan] : rows)
+        EXPECT_EQ(scanHead(data), scan) << data.left(60).constData() << " (" << data.size() << " bytes)";
+}
+
 TEST(HttpRequestTest, RefusesWhatAWebPageCouldHaveSent)
 {
     const std::vector<std::pair<const char *, bool>> rows{
@@ -81,6 +107,29 @@ TEST(HttpRequestTest, RangesResolveAgainstTheFileSize)
     };
     for (const auto &[header, size, answer] : rows)
         EXPECT_EQ(resolveRange(header, size), answer) << header.value_or("(none)").constData();
+}
+
+TEST(RouteParametersTest, QueriesDecodeAsFormsDo)
+{
+    using Items = QMap<QString, QString>;
+    const std::vector<std::pair<const char *, std::optional<Items>>> rows{
+        {"/add", Items{}},
+        // Python's urlencode and HTML forms: "+" for a space, "%2B" for a plus.
+        {"/add?path=%2Ftmp%2Fmy+films%2Fa%2Bb.torrent", Items{{"path", "/tmp/my films/a+b.torrent"}}},
+        // curl --data-urlencode and QUrl: "%20" for a space.
+        {"/add?path=/tmp/my%20films/a+b.torrent", Items{{"path", "/tmp/my films/a b.torrent"}}},
+        {"/open?path=%D0%A4%D0%B8%D0%BB%D1%8C%D0%BC.torrent", Items{{"path", QStringLiteral("Фильм.torrent")}}},
+        {"/x?a=1&a=2&flag&&b=", Items{{"a", "2"}, {"flag", ""}, {"b", ""}}},
+        {"/x?a+b=c%3Dd=e", Items{{"a b", "c=d=e"}}},
+        {"/x?a=1#a=2", Items{{"a", "1"}}},
+        // A broken escape or bytes that are no UTF-8 could name a different file: no guess.
+        {"/x?a=%zz", std::nullopt},
+        {"/x?a=%4", std::nullopt},
+        {"/x?a=%FF", std::nullopt},
+        {"/x?%C3=1", std::nullopt},
+    };
+    for (const auto &[target, items] : rows)
+        EXPECT_EQ(RouteParameters::formQuery(QString::fromUtf8(target)), items) << target;
 }
 
 TEST(RouteParametersTest, LevelsMapToTheFourPriorities)
@@ -194,8 +243,6 @@ TEST_F(ControlServerHttpTest, ForeignRequestsAreRefusedAndChangeNothing)
         "GET /select?filter=paused HTTP/1.1\r\nHost: rebound.example\r\n\r\n",
         request(port, "/quit", "Origin: null\r\n"),
         request(port, "/stream/abc/0/a.mkv", "Referer: https://evil.example/\r\n"),
-        // A head longer than the one read of 64 KiB is cut, and a cut head can't be judged.
-        "GET /select?filter=paused&pad=" + QByteArray(100 * 1024, 'a') + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n",
     };
     for (const QByteArray &head : heads)
         EXPECT_EQ(exchange(port, head).body, QByteArray(R"({"error":"forbidden"})")) << head.left(80).constData();
@@ -209,11 +256,38 @@ TEST_F(ControlServerHttpTest, ForeignRequestsAreRefusedAndChangeNothing)
     EXPECT_TRUE(testsupport::waitFor([this] { return quits > 0; }));
 }
 
-TEST_F(ControlServerHttpTest, ConnectionsWithoutUsableDataGetNoAnswer)
+TEST_F(ControlServerHttpTest, AHeadIsGatheredOverItsSegmentsAndABadOneIsAnswered)
 {
-    RawExchange binary(port, "\xff\xfe\xfd\r\n\r\n");
-    EXPECT_FALSE(binary.finish().answered);
-    EXPECT_TRUE(binary.received().isEmpty());
+    const QByteArray host = "Host: 127.0.0.1:" + QByteArray::number(port) + "\r\n";
+    // In pieces that cut the request line, a header and the blank line; the last one with a
+    // half-close, as `nc -N` ends a request.
+    PiecewiseClient pieces(port, {"GET /sel", "ect?filter=pau", "sed HTTP/1.1\r\n" + host.left(7), host.mid(7) + "\r", "\n"},
+                           true);
+    EXPECT_EQ(pieces.finish().body, QByteArray(R"({"ok":true})"));
+    EXPECT_EQ(ui->filter(), TorrentFilter::paused);
+
+    const QByteArray badRequest = R"({"error":"bad request"})";
+    const QByteArray big(MaxHeadBytes, 'a');
+    const std::vector<std::pair<const char *, QList<QByteArray>>> rows{
+        {"ends before its blank line", {"GET /select?filter=seeding HTTP/1.1\r\n", host}},
+        {"grows past 64 KiB", {"GET /select?filter=seeding HTTP/1.1\r\n" + host, "X-Pad: " + big, "\r\n\r\n"}},
+        {"request line past 64 KiB", {"GET /select?filter=seeding&pad=" + big + " HTTP/1.1\r\n" + host + "\r\n"}},
+        {"is no UTF-8", {"GET /select?filter=seeding&x=\xff HTTP/1.1\r\n" + host + "\r\n"}},
+        {"is binary", {"\xff\xfe\xfd\r\n\r\n"}},
+    };
+    for (const auto &[what, sent] : rows) {
+        SCOPED_TRACE(what);
+        PiecewiseClient client(port, sent, true);
+        const HttpAnswer answer = client.finish();
+        EXPECT_EQ(answer.status, 200);
+        EXPECT_EQ(answer.body, badRequest);
+    }
+    EXPECT_EQ(ui->filter(), TorrentFilter::paused) << "no bad request may act";
+
+    // A connection that only opens and closes asked nothing, and gets nothing.
+    PiecewiseClient silent(port, {}, true);
+    silent.finish();
+    EXPECT_TRUE(silent.received().isEmpty());
 }
 
 } // namespace

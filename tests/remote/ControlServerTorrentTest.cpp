@@ -1,7 +1,11 @@
 #include "ControlServerHarness.h"
 #include "support/TaskResult.h"
 
+#include "remote/ControlWindows.h"
+
+#include <QDir>
 #include <QFile>
+#include <QImage>
 
 #include <algorithm>
 
@@ -121,6 +125,51 @@ TEST_F(ControlServerTorrentTest, SettingsChangeOnlyWhatIsGiven)
     get("/open?path=" + encoded(QString::fromStdString(made.torrentPath)));
     EXPECT_EQ(engine->pendingOpen(),
               (QList<QUrl>{QUrl(magnet), QUrl::fromLocalFile(QString::fromStdString(made.torrentPath))}));
+}
+
+// Windows that exist for the snapshot route only: each snapshot is a real PNG at the path asked.
+class SnapshotWindows : public ControlWindows
+{
+public:
+    QJsonArray visibleWindows() const override { return {}; }
+    bool exists(const QString &name) const override { return name == QLatin1String("main"); }
+    void open(const QString &) override {}
+    void close(const QString &) override {}
+    void sendBack() override {}
+    void setContentSize(const QString &, double, double) override {}
+    bool snapshot(const QString &, const QString &path) override
+    {
+        QImage image(4, 4, QImage::Format_RGB32);
+        image.fill(Qt::darkCyan);
+        return image.save(path, "PNG");
+    }
+    bool videoSnapshot(const QString &) override { return false; }
+};
+
+TEST_F(ControlServerTorrentTest, PathsWithSpacesArriveHoweverTheClientEncodedThem)
+{
+    testsupport::TempDir spaced;
+    const QString torrent = spaced.qpath() + QStringLiteral("/my films/a+b show.torrent");
+    ASSERT_TRUE(QDir().mkpath(spaced.qpath() + QStringLiteral("/my films")));
+    ASSERT_TRUE(QFile::copy(QString::fromStdString(made.torrentPath), torrent));
+    // Python's urlencode writes a space as "+" and a plus as "%2B"; curl and QUrl write "%20".
+    const auto asForm = [](const QString &text) { return encoded(text).replace("%20", "+"); };
+    const QByteArray save = asForm(downloads.qpath());
+
+    const QJsonObject first = getJson("/add?paused=1&save=" + save + "&path=" + asForm(torrent));
+    EXPECT_EQ(first.value(QStringLiteral("id")).toString().toStdString(), made.id);
+    const QJsonObject second = getJson("/add?path=" + encoded(torrent));
+    EXPECT_EQ(second.value(QStringLiteral("duplicate")), QJsonValue(true)) << "both spellings name one file";
+
+    get("/open?path=" + asForm(torrent));
+    EXPECT_EQ(engine->pendingOpen(), QList<QUrl>{QUrl::fromLocalFile(torrent)});
+
+    SnapshotWindows windows;
+    server->setWindows(&windows);
+    const QString picture = spaced.qpath() + QStringLiteral("/my films/main window+1.png");
+    EXPECT_EQ(get("/snapshot?window=main&path=" + asForm(picture)).body, QByteArray(R"({"ok":true})"));
+    EXPECT_FALSE(QImage(picture).isNull());
+    server->setWindows(nullptr);
 }
 
 } // namespace

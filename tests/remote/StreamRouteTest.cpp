@@ -100,4 +100,33 @@ TEST_F(StreamRouteTest, AClientThatLeavesCancelsItsReadAtOnce)
     EXPECT_FALSE(whole.headers.contains("content-range"));
 }
 
+TEST_F(StreamRouteTest, StreamsBeyondTheLimitAreTurnedAwayUntilOneEnds)
+{
+    // No peer: every stream waits in its read, holding its thread, until its client goes.
+    id = add(made);
+    std::vector<std::unique_ptr<RawExchange>> streams;
+    for (int i = 0; i < ControlServer::MaxStreams; ++i)
+        streams.push_back(std::make_unique<RawExchange>(port, stream("bytes=" + QByteArray::number(i * 300000) + "-")));
+    for (const auto &open : streams)
+        ASSERT_TRUE(waitFor([&] { return parseAnswer(open->received()).status == 206; }));
+    EXPECT_EQ(server->activeStreams(), ControlServer::MaxStreams);
+
+    const HttpAnswer refused = exchange(port, stream({}));
+    EXPECT_EQ(refused.status, 503);
+    EXPECT_EQ(refused.headers.value("content-type"), QByteArray("application/json; charset=utf-8"));
+    EXPECT_EQ(refused.object().value(QStringLiteral("error")).toString(), QStringLiteral("too many streams"));
+    // Other routes don't count against streams.
+    EXPECT_EQ(get("/files?id=" + id).status, 200);
+
+    // A client that leaves frees its place, and its thread ends with it.
+    streams.front()->abort();
+    ASSERT_TRUE(waitFor([this] { return server->activeStreams() == ControlServer::MaxStreams - 1; }));
+    RawExchange another(port, stream("bytes=100-"));
+    EXPECT_TRUE(waitFor([&] { return parseAnswer(another.received()).status == 206; }));
+    for (const auto &open : streams)
+        open->abort();
+    another.abort();
+    EXPECT_TRUE(waitFor([this] { return server->activeStreams() == 0; }));
+}
+
 } // namespace
