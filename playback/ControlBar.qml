@@ -48,14 +48,14 @@ Rectangle {
             }
             BarButton {
                 objectName: "back"
-                text: "\u23EA"
+                text: "« 10 с"
                 tip: bar.screen.backLabel
                 Accessible.name: bar.screen.backLabel
                 onClicked: bar.screen.seekBy(-10)
             }
             BarButton {
                 objectName: "forward"
-                text: "\u23E9"
+                text: "10 с »"
                 tip: bar.screen.forwardLabel
                 Accessible.name: bar.screen.forwardLabel
                 onClicked: bar.screen.seekBy(10)

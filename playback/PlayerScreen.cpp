@@ -359,8 +359,12 @@ void PlayerScreen::toggleMute()
         m_player->core()->commandAsync({QStringLiteral("cycle"), QStringLiteral("mute")});
 }
 
-void PlayerScreen::pointerMoved()
+void PlayerScreen::pointerAt(double x, double y)
 {
+    const std::pair<double, double> point{x, y};
+    if (m_pointer == point)
+        return;
+    m_pointer = point;
     setCursorHidden(false);
     if (m_player)
         m_player->poke();

@@ -167,8 +167,9 @@ public:
     Q_INVOKABLE void chooseEpisode(const QString &id);
     Q_INVOKABLE void seekBy(double seconds);
     Q_INVOKABLE void toggleMute();
-    // The pointer moved over the screen: controls come back, and the cursor with them.
-    Q_INVOKABLE void pointerMoved();
+    // The pointer is at (x, y) over the screen. When it really moved, controls come back, and
+    // the cursor with them: the scene re-sends hover events at a standing pointer.
+    Q_INVOKABLE void pointerAt(double x, double y);
     // The window was closed: playback stops (its position is kept for the next play).
     Q_INVOKABLE void windowClosed();
 
@@ -182,4 +183,5 @@ private:
 
     QPointer<PlayerModel> m_player;
     bool m_cursorHidden = false;
+    std::optional<std::pair<double, double>> m_pointer;
 };

@@ -62,6 +62,7 @@ Window {
                 anchors.horizontalCenter: parent.horizontalCenter
                 visible: playerScreen.overlay === "status"
                 running: visible
+                palette.dark: "white"
             }
             Label {
                 objectName: "statusText"
@@ -110,7 +111,7 @@ Window {
 
         HoverHandler {
             cursorShape: playerScreen.cursorHidden ? Qt.BlankCursor : Qt.ArrowCursor
-            onPointChanged: playerScreen.pointerMoved()
+            onPointChanged: playerScreen.pointerAt(point.position.x, point.position.y)
         }
     }
 }

@@ -80,7 +80,7 @@ private:
 VideoLayer::VideoLayer(QQuickItem *parent)
     : QQuickFramebufferObject(parent)
 {
-    // The slots keep GL's bottom-up rows and the copy keeps them: no mirroring.
+    // The slots hold the picture top row first and the copy keeps that order: no mirroring.
     setMirrorVertically(false);
     setAcceptedMouseButtons(Qt::LeftButton);
     setFlag(ItemIsFocusScope, false);

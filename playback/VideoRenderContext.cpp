@@ -30,12 +30,13 @@ GLsync syncOf(void *fence)
     return static_cast<GLsync>(fence);
 }
 
-// Draws libmpv's current frame into `framebuffer` at its size; `skip` takes the frame without
-// drawing it. The calling thread must never sleep in libmpv: it serves every frame.
-int render(mpv_render_context *mpv, int framebuffer, int width, int height, bool flip, bool skip)
+// Draws libmpv's current frame into `framebuffer` at its size, the picture's top row first;
+// `skip` takes the frame without drawing it. The calling thread must never sleep in libmpv: it
+// serves every frame.
+int render(mpv_render_context *mpv, int framebuffer, int width, int height, bool skip)
 {
     mpv_opengl_fbo fbo{framebuffer, width, height, 0};
-    int flipY = flip ? 1 : 0;
+    int flipY = 0;
     int block = 0;
     int skipRendering = 1;
     mpv_render_param params[] = {
@@ -222,7 +223,7 @@ bool VideoRenderContext::update(bool visible, QSize pixelSize)
                     gl->glDeleteSync(fence);
             }
         } else {
-            render(m_mpv, 0, 1, 1, false, true);
+            render(m_mpv, 0, 1, 1, true);
             if (!visible)
                 ++m_skipped;
         }
@@ -242,8 +243,9 @@ bool VideoRenderContext::draw()
     gl->glGetIntegerv(GL_VIEWPORT, viewport);
     if (viewport[2] < 1 || viewport[3] < 1)
         return false;
-    // The slots keep GL's bottom-up rows, as the scene graph's own textures do.
-    if (render(m_mpv, framebuffer, viewport[2], viewport[3], false, false) < 0)
+    // Unflipped: the picture's top row first, which the item's unmirrored framebuffer shows
+    // upright.
+    if (render(m_mpv, framebuffer, viewport[2], viewport[3], false) < 0)
         return false;
     ++m_rendered;
     return true;
@@ -279,8 +281,10 @@ bool VideoRenderContext::writeSnapshot(const QString &path)
         return false;
     QOpenGLExtraFunctions *gl = m_gl->extraFunctions();
     GLint oldFramebuffer = 0;
+    GLint oldReadFramebuffer = 0;
     GLint oldViewport[4] = {0, 0, 0, 0};
     gl->glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &oldFramebuffer);
+    gl->glGetIntegerv(GL_READ_FRAMEBUFFER_BINDING, &oldReadFramebuffer);
     gl->glGetIntegerv(GL_VIEWPORT, oldViewport);
 
     GLuint texture = 0;
@@ -297,19 +301,29 @@ bool VideoRenderContext::writeSnapshot(const QString &path)
     bool done = gl->glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE && !image.isNull();
     if (done) {
         gl->glViewport(0, 0, SnapshotWidth, SnapshotHeight);
-        // Flipped, so the rows read back top first, as an image file keeps them.
-        done = render(m_mpv, static_cast<int>(framebuffer), SnapshotWidth, SnapshotHeight, true, false) >= 0;
+        // Unflipped, libmpv writes the picture's top row first, which is how the read-back
+        // rows and an image file both run.
+        done = render(m_mpv, static_cast<int>(framebuffer), SnapshotWidth, SnapshotHeight, false) >= 0;
     }
     if (done) {
         // Errors of earlier calls must not fail this read.
         for (int i = 0; i < 16 && gl->glGetError() != GL_NO_ERROR; ++i) {
         }
+        // libmpv leaves its own bindings behind; the read comes from the snapshot's framebuffer.
+        gl->glBindFramebuffer(GL_READ_FRAMEBUFFER, framebuffer);
+        // Nor may a pack buffer of libmpv's catch the pixels meant for the image.
+        GLint packBuffer = 0;
+        gl->glGetIntegerv(GL_PIXEL_PACK_BUFFER_BINDING, &packBuffer);
+        gl->glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+        gl->glPixelStorei(GL_PACK_ROW_LENGTH, 0);
         gl->glPixelStorei(GL_PACK_ALIGNMENT, 4);
         // Rows of 960 × 4 = 3,840 bytes: QImage's own stride for this format.
         gl->glReadPixels(0, 0, SnapshotWidth, SnapshotHeight, GL_RGBA, GL_UNSIGNED_BYTE, image.bits());
         done = gl->glGetError() == GL_NO_ERROR;
+        gl->glBindBuffer(GL_PIXEL_PACK_BUFFER, static_cast<GLuint>(packBuffer));
     }
-    gl->glBindFramebuffer(GL_FRAMEBUFFER, static_cast<GLuint>(oldFramebuffer));
+    gl->glBindFramebuffer(GL_DRAW_FRAMEBUFFER, static_cast<GLuint>(oldFramebuffer));
+    gl->glBindFramebuffer(GL_READ_FRAMEBUFFER, static_cast<GLuint>(oldReadFramebuffer));
     gl->glViewport(oldViewport[0], oldViewport[1], oldViewport[2], oldViewport[3]);
     gl->glDeleteFramebuffers(1, &framebuffer);
     gl->glDeleteTextures(1, &texture);

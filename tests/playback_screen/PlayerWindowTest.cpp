@@ -4,6 +4,7 @@
 
 #include <QKeyEvent>
 #include <QQuickItem>
+#include <QScreen>
 #include <QTest>
 
 using namespace screentest;
@@ -64,6 +65,7 @@ TEST_F(PlayerWindowTest, KeysReachThePlayerByPositionAlsoFromACyrillicLayout)
     // The key where F lies sends "а" in the Russian layout: full screen all the same.
     pressKey(window, 41, 0x0410, QStringLiteral("а"));
     EXPECT_TRUE(waitFor([&] { return window->visibility() == QWindow::FullScreen && player->fullScreen(); }));
+    waitFor([&] { return window->width() == window->screen()->size().width(); }, 10s);
     window->grabWindow().save(screenshotPath(QStringLiteral("fullscreen")));
     pressKey(window, 9, Qt::Key_Escape, QString());
     EXPECT_TRUE(waitFor([&] { return window->visibility() != QWindow::FullScreen && !player->fullScreen(); }));

@@ -163,7 +163,9 @@ protected:
     {
         ownWindow = std::make_unique<QQuickWindow>();
         ownWindow->resize(640, 360);
-        auto *layer = new VideoLayer(ownWindow->contentItem());
+        // Placed after construction, as QML does, so the item sees its window arrive.
+        auto *layer = new VideoLayer;
+        layer->setParentItem(ownWindow->contentItem());
         layer->setSize(size);
         layer->setPlayer(player.get());
         return layer;
