@@ -378,10 +378,16 @@ void PlayerModel::poke()
     m_hideWork->start();
 }
 
+void PlayerModel::holdControls(bool held)
+{
+    m_controlsHeld = held;
+    poke();
+}
+
 void PlayerModel::hideControls()
 {
-    // Controls stay while paused, while opening and on an error.
-    if (m_paused || !m_loaded || m_error)
+    // Controls stay while paused, while opening, on an error and while a menu is open.
+    if (m_paused || !m_loaded || m_error || m_controlsHeld)
         return;
     setControlsVisible(false);
     emit cursorHideRequested();

@@ -113,6 +113,8 @@ public:
     Q_INVOKABLE void savePosition();
     // Shows the controls and hides them again 3 s later, unless paused, opening or failed.
     Q_INVOKABLE void poke();
+    // While held (a menu of the bar is open) the controls don't hide; letting go pokes.
+    Q_INVOKABLE void holdControls(bool held);
     // A key press by the player's key codes (physical positions, so a Cyrillic layout works):
     // true when the player took it. The control server feeds keys here too.
     Q_INVOKABLE bool handleKey(int code, bool shift = false);
@@ -350,4 +352,5 @@ private:
     std::optional<double> m_firstFrameAfter;
     bool m_fullScreen = false;
     QPointer<QWindow> m_window;
+    bool m_controlsHeld = false;
 };

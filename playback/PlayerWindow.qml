@@ -57,12 +57,31 @@ Window {
                 font.pixelSize: 48
                 Accessible.name: playerScreen.errorSymbol
             }
-            BusyIndicator {
+            Rectangle {
                 objectName: "spinner"
                 anchors.horizontalCenter: parent.horizontalCenter
                 visible: playerScreen.overlay === "status"
-                running: visible
-                palette.dark: "white"
+                width: 36
+                height: 36
+                radius: 18
+                color: "transparent"
+                border.width: 4
+                border.color: "#50ffffff"
+                Rectangle {
+                    x: parent.width / 2 - 5
+                    y: -1
+                    width: 10
+                    height: 10
+                    radius: 5
+                    color: "white"
+                }
+                RotationAnimator on rotation {
+                    from: 0
+                    to: 360
+                    duration: 1000
+                    loops: Animation.Infinite
+                    running: parent.visible
+                }
             }
             Label {
                 objectName: "statusText"

@@ -1,5 +1,6 @@
 import QtQuick
 import QtQuick.Controls
+import Velix.Playback
 
 // A menu of rows ({id, label, detail, checked}) from the player screen, with one disabled line
 // while there is nothing to choose yet.
@@ -8,6 +9,9 @@ Menu {
     property var rows: []
     property string placeholder: ""
     signal chosen(string id)
+    // The bars stay up while the user looks through a menu.
+    onAboutToShow: Player.holdControls(true)
+    onAboutToHide: Player.holdControls(false)
 
     MenuItem {
         text: menu.placeholder

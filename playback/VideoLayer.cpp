@@ -104,8 +104,11 @@ VideoLayer::VideoLayer(QQuickItem *parent)
 
 VideoLayer::~VideoLayer()
 {
+    // No render thread may start a creation on an item that is going.
+    if (m_window)
+        disconnect(m_window, nullptr, this, nullptr);
     destroy();
-    if (m_core)
+    if (m_core && m_core->videoLayer() == this)
         m_core->setVideoLayer(nullptr);
 }
 
@@ -132,7 +135,7 @@ void VideoLayer::setCore(MPVCore *core)
 {
     if (m_core == core || isDestroyed())
         return;
-    if (m_core)
+    if (m_core && m_core->videoLayer() == this)
         m_core->setVideoLayer(nullptr);
     m_core = core;
     {
@@ -235,7 +238,8 @@ void VideoLayer::makeContext()
 void VideoLayer::contextMade(bool made)
 {
     emit renderContextChanged();
-    if (!m_core)
+    // A layer that another one has replaced speaks no more for the core.
+    if (!m_core || m_core->videoLayer() != this)
         return;
     if (made && hasRenderContext())
         m_core->setRenderContextReady(true);
@@ -260,7 +264,7 @@ void VideoLayer::destroy()
             m_state->signal.queue().sync([&context] { context.reset(); });
         }
     }
-    if (m_core)
+    if (m_core && m_core->videoLayer() == this)
         m_core->setRenderContextReady(false);
     emit renderContextChanged();
 }

@@ -123,6 +123,9 @@ TEST_F(PlayerWindowTest, TheBarsMenusAndOverlayShowThePlayersState)
     QMetaObject::invokeMethod(audioMenu, "open");
     ASSERT_TRUE(waitFor([&] { return audioMenu->property("opened").toBool(); }));
     QTest::qWait(300);
+    // An open menu holds the bars up however long the user looks.
+    QTest::qWait(3500);
+    EXPECT_TRUE(player->controlsVisible());
     window->grabWindow().save(screenshotPath(QStringLiteral("audio-menu")));
     EXPECT_EQ(view->audioRows().size(), 1);
     QMetaObject::invokeMethod(audioMenu, "close");

@@ -145,6 +145,15 @@ TEST_F(VideoLayerTest, ALoadWaitsForTheContextAndADestroyedLayerNeverGetsOne)
     // A stop drops the waiting load: nothing plays later when a context comes.
     player->stop();
     EXPECT_FALSE(core->hasWaitingLoad());
+
+    // Where no render context can be made (no OpenGL), the video goes nowhere and the film
+    // plays on with its sound.
+    ASSERT_TRUE(play(id));
+    EXPECT_TRUE(core->hasWaitingLoad());
+    core->renderContextUnavailable();
+    EXPECT_FALSE(core->hasWaitingLoad());
+    EXPECT_TRUE(waitFor([&] { return player->loaded() && player->position() > 1.0; }, 90s))
+        << "position " << player->position();
 }
 
 TEST_F(VideoLayerTest, DestroyRacingCreationLeavesNoContextBehind)
