@@ -4,6 +4,7 @@
 #include "core/MainThread.h"
 #include "core/SerialQueue.h"
 #include "playback/StreamAddress.h"
+#include "playback/VideoLayer.h"
 
 #include <QGuiApplication>
 #include <QPromise>
@@ -223,12 +224,18 @@ MPVValue valueOf(const mpv_event_property &property)
 
 } // namespace
 
-QString MPVCore::videoOutputFor(const QString &platformName)
+QString MPVCore::videoOutputFor(const QString &platformName, bool background)
 {
-    if (platformName.isEmpty() || platformName == QLatin1String("offscreen")
+    // A load would wait for a render context that no window will ever make.
+    if (background || platformName.isEmpty() || platformName == QLatin1String("offscreen")
         || platformName == QLatin1String("minimal"))
         return QStringLiteral("null");
     return QStringLiteral("libmpv");
+}
+
+bool MPVCore::backgroundRequested()
+{
+    return qEnvironmentVariable("VELIX_BACKGROUND") == QLatin1String("1");
 }
 
 bool MPVCore::silentRequested()
@@ -259,7 +266,8 @@ bool MPVCore::start(bool hardwareDecoding, bool silent)
     const QString platform = qobject_cast<QGuiApplication *>(QCoreApplication::instance())
         ? QGuiApplication::platformName()
         : QString();
-    for (const auto &[name, value] : fixedOptions(hardwareDecoding, silent, videoOutputFor(platform)))
+    m_videoOutput = videoOutputFor(platform, backgroundRequested());
+    for (const auto &[name, value] : fixedOptions(hardwareDecoding, silent, m_videoOutput))
         mpv_set_option_string(m_handle, name, value.c_str());
 
     if (mpv_initialize(m_handle) < 0) {
@@ -315,8 +323,62 @@ void MPVCore::set(const QString &name, const QString &value)
 
 void MPVCore::commandAsync(const QStringList &arguments)
 {
-    if (m_closing || !m_handle)
+    if (m_closing || !m_handle || arguments.isEmpty())
         return;
+    if (usesRenderContext() && !m_renderContextReady) {
+        // libmpv refuses a load without a render context; the newest load waits for one, and
+        // a stop means none is wanted any more.
+        if (arguments.first() == QLatin1String("loadfile")) {
+            m_waitingLoad = arguments;
+            return;
+        }
+        if (arguments.first() == QLatin1String("stop"))
+            m_waitingLoad.reset();
+    }
+    sendCommand(arguments);
+}
+
+void MPVCore::setVideoLayer(VideoLayer *layer)
+{
+    if (m_videoLayer == layer)
+        return;
+    if (m_videoLayer)
+        m_videoLayer->destroy();
+    m_videoLayer = layer;
+}
+
+VideoLayer *MPVCore::videoLayer() const
+{
+    return m_videoLayer.data();
+}
+
+void MPVCore::setRenderContextReady(bool ready)
+{
+    m_renderContextReady = ready;
+    if (ready)
+        releaseWaitingLoad();
+}
+
+void MPVCore::renderContextUnavailable()
+{
+    if (m_closing || !m_handle || !usesRenderContext())
+        return;
+    m_videoOutput = QStringLiteral("null");
+    set(QStringLiteral("vo"), m_videoOutput);
+    releaseWaitingLoad();
+}
+
+void MPVCore::releaseWaitingLoad()
+{
+    if (!m_waitingLoad)
+        return;
+    const QStringList load = *m_waitingLoad;
+    m_waitingLoad.reset();
+    sendCommand(load);
+}
+
+void MPVCore::sendCommand(const QStringList &arguments)
+{
     std::vector<QByteArray> texts;
     texts.reserve(static_cast<size_t>(arguments.size()));
     for (const QString &argument : arguments)
@@ -515,10 +577,14 @@ void MPVCore::destroy()
         return;
     m_closing = true;
     m_onEvent = nullptr;
+    m_waitingLoad.reset();
     if (!m_handle)
         return;
     // After this returns libmpv calls no wake-up any more.
     mpv_set_wakeup_callback(m_handle, nullptr, nullptr);
+    // The render context may not outlive the handle.
+    if (m_videoLayer)
+        m_videoLayer->destroy();
     // Freeing the handle waits for libmpv's threads, which cancel and close the open stream.
     m_events->sync([this] {
         m_terminated = true;

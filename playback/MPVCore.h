@@ -5,6 +5,7 @@
 #include <QFuture>
 #include <QMap>
 #include <QObject>
+#include <QPointer>
 #include <QString>
 #include <QStringList>
 
@@ -12,10 +13,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 
 class QTimer;
 class SerialQueue;
+class VideoLayer;
 struct mpv_handle;
 struct mpv_event;
 typedef struct tb_session tb_session;
@@ -58,9 +61,30 @@ public:
     void destroy();
     bool isClosing() const { return m_closing; }
 
-    // "null" where no OpenGL surface can exist (no GUI, offscreen and minimal platforms),
-    // "libmpv" otherwise, which then needs a render context before a file loads.
-    static QString videoOutputFor(const QString &platformName);
+    // "null" where the player window can never be shown: no GUI, the offscreen and minimal
+    // platforms, or a run in the background. "libmpv" otherwise, which then needs a render
+    // context before a file loads.
+    static QString videoOutputFor(const QString &platformName, bool background);
+    // VELIX_BACKGROUND=1: windows are made but never shown.
+    static bool backgroundRequested();
+
+    // True when video goes through a render context that a VideoLayer makes on its window.
+    bool usesRenderContext() const { return m_videoOutput == QLatin1String("libmpv"); }
+    // For the render context only; valid until destroy().
+    mpv_handle *handle() const { return m_handle; }
+
+    // The one layer that draws this core's video. A layer that takes over from another one
+    // first ends the old one's render context: libmpv allows one per core. Main thread.
+    void setVideoLayer(VideoLayer *layer);
+    VideoLayer *videoLayer() const;
+    // Told by the layer, on the main thread, when its render context comes or goes. While
+    // none exists, a "loadfile" waits (libmpv would fail it), and the latest one goes out as
+    // soon as a context is there. A "stop" drops the waiting load.
+    void setRenderContextReady(bool ready);
+    bool renderContextReady() const { return m_renderContextReady; }
+    // No render context can be made (no OpenGL): video goes nowhere, sound plays on.
+    void renderContextUnavailable();
+    bool hasWaitingLoad() const { return m_waitingLoad.has_value(); }
     // VELIX_SILENT=1 plays without a sound device.
     static bool silentRequested();
 
@@ -75,6 +99,8 @@ private:
     void telemetryFired();
     void requestTelemetry(bool refresh);
     void requestTelemetry(uint64_t id);
+    void sendCommand(const QStringList &arguments);
+    void releaseWaitingLoad();
 
     static void onWakeup(void *context);
 
@@ -99,4 +125,10 @@ private:
     int m_positionRequests = 0;
     int m_eventBatches = 0;
     bool m_closing = false;
+
+    // Main thread only.
+    QString m_videoOutput;
+    QPointer<VideoLayer> m_videoLayer;
+    bool m_renderContextReady = false;
+    std::optional<QStringList> m_waitingLoad;
 };

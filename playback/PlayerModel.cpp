@@ -6,9 +6,12 @@
 #include "playback/MPVCore.h"
 #include "playback/StreamAddress.h"
 #include "playback/TrackSelection.h"
+#include "playback/VideoLayer.h"
 
+#include <QCoroFuture>
 #include <QPointer>
 #include <QTimer>
+#include <QWindow>
 
 #include <QCoroFuture>
 
@@ -92,6 +95,11 @@ PlayerModel *PlayerModel::shared()
 bool PlayerModel::hasShared()
 {
     return g_shared != nullptr;
+}
+
+void PlayerModel::setShared(PlayerModel *model)
+{
+    g_shared = model;
 }
 
 PlayerModel::PlayerModel(TorrentEngine *engine, QObject *parent)
@@ -398,10 +406,16 @@ void PlayerModel::poke()
     m_hideWork->start();
 }
 
+void PlayerModel::holdControls(bool held)
+{
+    m_controlsHeld = held;
+    poke();
+}
+
 void PlayerModel::hideControls()
 {
-    // Controls stay while paused, while opening and on an error.
-    if (m_paused || !m_loaded || m_error)
+    // Controls stay while paused, while opening, on an error and while a menu is open.
+    if (m_paused || !m_loaded || m_error || m_controlsHeld)
         return;
     setControlsVisible(false);
     emit cursorHideRequested();
@@ -1084,8 +1098,74 @@ void PlayerModel::setFirstFrameAfter(const std::optional<double> &value)
 
 void PlayerModel::toggleFullScreen()
 {
-    m_fullScreen = !m_fullScreen;
-    emit fullScreenChanged();
+    if (!m_window) {
+        m_fullScreen = !m_fullScreen;
+        emit fullScreenChanged();
+        return;
+    }
+    if (!m_window->isActive()) {
+        m_window->raise();
+        m_window->requestActivate();
+    }
+    if (m_window->visibility() == QWindow::FullScreen)
+        m_window->showNormal();
+    else
+        m_window->showFullScreen();
+}
+
+QWindow *PlayerModel::window() const
+{
+    return m_window.data();
+}
+
+void PlayerModel::setWindow(QWindow *window)
+{
+    if (m_window == window)
+        return;
+    if (m_window)
+        disconnect(m_window, nullptr, this, nullptr);
+    m_window = window;
+    if (!window)
+        return;
+    // The window's own state is the truth: the desktop can leave full screen without the player.
+    const auto follow = [this] {
+        const bool full = m_window && m_window->visibility() == QWindow::FullScreen;
+        if (full != m_fullScreen) {
+            m_fullScreen = full;
+            emit fullScreenChanged();
+        }
+    };
+    connect(window, &QWindow::visibilityChanged, this, follow);
+    follow();
+}
+
+bool PlayerModel::handleScroll(const PlayerInput::Scroll &scroll)
+{
+    if (!m_core)
+        return false;
+    const std::optional<double> step = PlayerInput::volumeStep(scroll);
+    if (!step)
+        return false;
+    m_core->commandAsync({QStringLiteral("add"), QStringLiteral("volume"), PlayerRules::fixed(*step, 2)});
+    poke();
+    return true;
+}
+
+QMap<QString, QString> PlayerModel::videoDiagnostics() const
+{
+    MPVCore *core = m_core ? m_core->mpvCore() : nullptr;
+    VideoLayer *layer = core ? core->videoLayer() : nullptr;
+    return layer ? layer->diagnostics() : QMap<QString, QString>();
+}
+
+QCoro::Task<bool> PlayerModel::writeVideoSnapshot(QString path)
+{
+    MPVCore *core = m_core ? m_core->mpvCore() : nullptr;
+    VideoLayer *layer = core ? core->videoLayer() : nullptr;
+    if (!layer)
+        co_return false;
+    auto written = layer->writeSnapshot(path);
+    co_return co_await written;
 }
 
 bool PlayerModel::handleKey(int code, bool shift)

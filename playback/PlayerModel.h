@@ -6,12 +6,14 @@
 #include "playback/MediaTrack.h"
 #include "playback/PlayItem.h"
 #include "playback/PlayerCore.h"
+#include "playback/PlayerInput.h"
 #include "playback/PlayerRules.h"
 #include "playback/TrackOption.h"
 
 #include <QList>
 #include <QMap>
 #include <QObject>
+#include <QPointer>
 #include <QString>
 #include <QVariant>
 
@@ -24,7 +26,9 @@
 #include <optional>
 
 class QTimer;
+class QWindow;
 class TorrentEngine;
+class VideoLayer;
 namespace TrackSelection {
 struct Pick;
 }
@@ -67,6 +71,7 @@ class PlayerModel : public QObject
     Q_PROPERTY(QList<TrackOption> subtitleOptions READ subtitleOptions NOTIFY optionsChanged)
     Q_PROPERTY(bool hasNextFile READ hasNextFile NOTIFY neighboursChanged)
     Q_PROPERTY(bool hasPreviousFile READ hasPreviousFile NOTIFY neighboursChanged)
+    Q_PROPERTY(bool fullScreen READ fullScreen NOTIFY fullScreenChanged)
 
 public:
     // What the model reaches outside itself for: a libmpv core, and the engine's stream calls.
@@ -86,6 +91,8 @@ public:
     // The process-wide model over TorrentEngine::shared(), made at first use.
     static PlayerModel *shared();
     static bool hasShared();
+    // Makes `model` the one that shared() answers, for a program or test that builds its own.
+    static void setShared(PlayerModel *model);
 
     explicit PlayerModel(TorrentEngine *engine, QObject *parent = nullptr);
     PlayerModel(TorrentEngine *engine, Hooks hooks, QObject *parent = nullptr);
@@ -115,11 +122,29 @@ public:
     Q_INVOKABLE void savePosition();
     // Shows the controls and hides them again 3 s later, unless paused, opening or failed.
     Q_INVOKABLE void poke();
+    // While held (a menu of the bar is open) the controls don't hide; letting go pokes.
+    Q_INVOKABLE void holdControls(bool held);
     // A key press by the player's key codes (physical positions, so a Cyrillic layout works):
     // true when the player took it. The control server feeds keys here too.
     Q_INVOKABLE bool handleKey(int code, bool shift = false);
     bool fullScreen() const { return m_fullScreen; }
+    // Full screen and back for the player window; a window that isn't active is brought forward
+    // first. Without a window only the flag flips.
     Q_INVOKABLE void toggleFullScreen();
+    // The window that shows the video, told by the video item.
+    void setWindow(QWindow *window);
+    QWindow *window() const;
+    // A scroll over the video: volume up or down; false when the player leaves it alone.
+    bool handleScroll(const PlayerInput::Scroll &scroll);
+
+    // The video item's counters ("rendered", "hidden-frames-skipped"); empty without one.
+    QMap<QString, QString> videoDiagnostics() const;
+    // A 960 by 540 PNG of the current video frame at `path`, made on the video's own thread:
+    // the main thread goes on meanwhile. False and no file without a picture.
+    QCoro::Task<bool> writeVideoSnapshot(QString path);
+    // True when a core exists or can be made: the player screen shows the video item then.
+    Q_INVOKABLE bool coreAvailable() { return ensureCore() != nullptr; }
+    TorrentEngine *engine() const { return m_engine; }
 
     // Choices from the track menus, by row; `audio` tells which menu.
     void select(const TrackOption &option, bool audio);
@@ -337,4 +362,6 @@ private:
     std::optional<double> m_tracksReadyAfter;
     std::optional<double> m_firstFrameAfter;
     bool m_fullScreen = false;
+    QPointer<QWindow> m_window;
+    bool m_controlsHeld = false;
 };

@@ -366,7 +366,7 @@ QCoro::Task<QByteArray> ControlServer::route(QString target)
     if (is("/window"))
         co_return windows(query);
     if (is("/snapshot"))
-        co_return snapshot(query);
+        co_return co_await snapshot(query);
     if (is("/contents-action"))
         co_return contentsAction(query);
     if (is("/quit")) {
@@ -584,21 +584,29 @@ QByteArray ControlServer::windows(const Query &query)
     return json(QJsonObject{{QStringLiteral("windows"), m_windows->visibleWindows()}});
 }
 
-QByteArray ControlServer::snapshot(const Query &query)
+QCoro::Task<QByteArray> ControlServer::snapshot(Query query)
 {
     const QString window = query.value(QStringLiteral("window"));
     const QString path = query.value(QStringLiteral("path"));
     if (window.isEmpty() || path.isEmpty() || !m_windows || !m_windows->exists(window))
-        return error(QStringLiteral("window/path"));
+        co_return error(QStringLiteral("window/path"));
     const bool done = m_windows->snapshot(window, path);
     if (window == QLatin1String("player") && flag(query, QStringLiteral("video"))) {
         QString videoPath = path;
         if (videoPath.endsWith(QLatin1String(".png")))
             videoPath.chop(4);
-        const bool video = m_windows->videoSnapshot(videoPath + QStringLiteral("-video.png"));
-        return json(QJsonObject{{QStringLiteral("ok"), done}, {QStringLiteral("video"), video}});
+        // Drawn on the video's own thread; other requests are served meanwhile.
+        QPointer<ControlServer> self(this);
+        bool video = false;
+        if (PlayerModel *player = m_player) {
+            auto writing = player->writeVideoSnapshot(videoPath + QStringLiteral("-video.png"));
+            video = co_await std::move(writing);
+        }
+        if (!self)
+            co_return QByteArray("{}");
+        co_return json(QJsonObject{{QStringLiteral("ok"), done}, {QStringLiteral("video"), video}});
     }
-    return ok(done);
+    co_return ok(done);
 }
 
 QByteArray ControlServer::contentsAction(const Query &query)
@@ -632,8 +640,9 @@ QCoro::Task<QByteArray> ControlServer::playerDiagnostics()
     }
     if (!self)
         co_return QByteArray("{}");
-    if (m_windows) {
-        const QMap<QString, QString> video = m_windows->videoDiagnostics();
+    // The video item's own counters win over the core's.
+    if (m_player) {
+        const QMap<QString, QString> video = m_player->videoDiagnostics();
         for (auto it = video.begin(); it != video.end(); ++it)
             merged.insert(it.key(), it.value());
     }

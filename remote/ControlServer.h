@@ -86,7 +86,7 @@ private:
     QByteArray selectTrack(const QMap<QString, QString> &query);
     QByteArray pressKey(const QMap<QString, QString> &query);
     QByteArray windows(const QMap<QString, QString> &query);
-    QByteArray snapshot(const QMap<QString, QString> &query);
+    QCoro::Task<QByteArray> snapshot(QMap<QString, QString> query);
     QByteArray contentsAction(const QMap<QString, QString> &query);
     QCoro::Task<QByteArray> playerDiagnostics();
 

@@ -25,8 +25,4 @@ public:
     virtual void setContentSize(const QString &name, double width, double height) = 0;
     // A PNG of the window's content at `path`; false on any failure.
     virtual bool snapshot(const QString &name, const QString &path) = 0;
-    // A PNG of the player's current video frame at `path`; false when there is none.
-    virtual bool videoSnapshot(const QString &path) = 0;
-    // The video layer's own counters (frames drawn, skipped, ...); they win over the core's.
-    virtual QMap<QString, QString> videoDiagnostics() const { return {}; }
 };

@@ -414,3 +414,72 @@ TEST_F(PlayerModelTest, ProgressFollowsTheDownloadAndFetchesTheNextEpisodeEarly)
     EXPECT_TRUE(model->ended());
     EXPECT_EQ(log->loads(), 0);
 }
+
+namespace {
+
+TEST_F(PlayerModelTest, KeysAndScrollsDriveThePlayerByTheirTables)
+{
+    auto model = makeModel();
+    // Without an item the episode keys are still the player's; they just find nothing.
+    EXPECT_TRUE(model->handleKey(PlayerModel::KeyN));
+    EXPECT_TRUE(model->handleKey(PlayerModel::KeyP));
+
+    openAndLoad(*model, SomeTorrent, fileAt(0, "Film/Film.mkv"));
+    fileLoads(*model, {}, 600.0);
+    struct Row
+    {
+        int code;
+        bool shift;
+        double position;
+        double volume;
+        bool consumed;
+        QStringList command; // the last command, or empty
+        QString volumeSet;   // the last "volume" set, or empty
+    };
+    const QList<Row> rows = {
+        {PlayerModel::KeySpace, false, 100, 100, true, {"cycle", "pause"}, {}},
+        {PlayerModel::KeyM, false, 100, 100, true, {"cycle", "mute"}, {}},
+        {PlayerModel::KeyLeft, false, 100, 100, true, {"seek", "90.000", "absolute+keyframes"}, {}},
+        {PlayerModel::KeyLeft, true, 100, 100, true, {"seek", "40.000", "absolute+keyframes"}, {}},
+        {PlayerModel::KeyLeft, false, 5, 100, true, {"seek", "0.000", "absolute+keyframes"}, {}},
+        {PlayerModel::KeyRight, false, 100, 100, true, {"seek", "110.000", "absolute+keyframes"}, {}},
+        {PlayerModel::KeyRight, true, 100, 100, true, {"seek", "160.000", "absolute+keyframes"}, {}},
+        {PlayerModel::KeyRight, true, 580, 100, true, {"seek", "599.000", "absolute+keyframes"}, {}},
+        {PlayerModel::KeyUp, false, 100, 100, true, {}, "105"},
+        {PlayerModel::KeyUp, false, 100, 200, true, {}, "200"},
+        {PlayerModel::KeyDown, false, 100, 3, true, {}, "0"},
+        {PlayerModel::KeyEscape, false, 100, 100, false, {}, {}},
+        {7, false, 100, 100, false, {}, {}},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(::testing::Message() << "key " << row.code << (row.shift ? " with shift" : "") << " at "
+                                          << row.position);
+        model->handle(seconds("time-pos", row.position));
+        model->handle(seconds("volume", row.volume));
+        log->clear();
+        EXPECT_EQ(model->handleKey(row.code, row.shift), row.consumed);
+        EXPECT_TRUE(model->controlsVisible());
+        EXPECT_EQ(log->commands.isEmpty() ? QStringList() : log->commands.last(), row.command);
+        const QStringList volumes = log->valuesOf(QStringLiteral("volume"));
+        EXPECT_EQ(volumes.isEmpty() ? QString() : volumes.last(), row.volumeSet);
+    }
+
+    // F takes the screen and Escape gives it back; only then is Escape the player's.
+    EXPECT_TRUE(model->handleKey(PlayerModel::KeyF));
+    EXPECT_TRUE(model->fullScreen());
+    EXPECT_TRUE(model->handleKey(PlayerModel::KeyEscape));
+    EXPECT_FALSE(model->fullScreen());
+    EXPECT_FALSE(model->handleKey(PlayerModel::KeyEscape));
+
+    log->clear();
+    PlayerInput::Scroll up;
+    up.dy = 120;
+    EXPECT_TRUE(model->handleScroll(up));
+    PlayerInput::Scroll momentum = up;
+    momentum.momentum = true;
+    EXPECT_FALSE(model->handleScroll(momentum));
+    ASSERT_EQ(log->commands.size(), 1);
+    EXPECT_EQ(log->commands.first(), QStringList({"add", "volume", "5.00"}));
+}
+
+} // namespace
