@@ -14,6 +14,9 @@
 
 #include <QFile>
 #include <QGuiApplication>
+#include <QLibraryInfo>
+#include <QLocale>
+#include <QTranslator>
 #include <QQmlApplicationEngine>
 #include <QQmlComponent>
 #include <QQuickWindow>
@@ -47,7 +50,10 @@ AppFrame::~AppFrame()
 {
     delete m_tray;
     m_tray = nullptr;
-    // Windows go before the objects their bindings read.
+    // Windows go before the objects their bindings read, and take their application-wide
+    // shortcuts with them.
+    qDeleteAll(m_ownedWindows);
+    m_ownedWindows.clear();
     m_qml.reset();
 }
 
@@ -69,6 +75,7 @@ QQuickWindow *AppFrame::createWindow(const QUrl &url, const QString &id)
     }
     QQmlEngine::setObjectOwnership(window, QQmlEngine::CppOwnership);
     window->setParent(nullptr);
+    m_ownedWindows << window;
     // Without a handler a scene graph that cannot start (no OpenGL) ends the process; a window
     // that cannot draw is not worth that.
     connect(window, &QQuickWindow::sceneGraphError, this,
@@ -84,6 +91,11 @@ bool AppFrame::start()
     if (m_qml)
         return m_windows->window(QStringLiteral("main")) != nullptr;
     QmlModules::registerTypes();
+    // Qt's own texts (the file chooser's buttons, standard menus) in the interface's language.
+    auto *translator = new QTranslator(this);
+    if (translator->load(QLocale(QLocale::Russian, QLocale::Russia), QStringLiteral("qt"), QStringLiteral("_"),
+                         QLibraryInfo::path(QLibraryInfo::TranslationsPath)))
+        QCoreApplication::installTranslator(translator);
     // Closing the last window leaves the program downloading and seeding; only Quit ends it.
     QGuiApplication::setQuitOnLastWindowClosed(false);
     SymbolImageProvider::setUpThemes();

@@ -83,5 +83,7 @@ private:
     std::unique_ptr<QQmlApplicationEngine> m_qml;
     MprisService *m_mpris = nullptr;
     TrayIcon *m_tray = nullptr;
+    // The windows are the frame's: made without a parent so the engine leaves them alone.
+    QList<QQuickWindow *> m_ownedWindows;
     QStringList m_warnings;
 };

@@ -31,7 +31,7 @@ MenuItem {
     }
 
     contentItem: Item {
-        implicitWidth: label.implicitWidth + keys.implicitWidth + 48
+        implicitWidth: label.anchors.leftMargin + label.implicitWidth + keys.implicitWidth + 48
         implicitHeight: label.implicitHeight
         Label {
             id: label

@@ -26,8 +26,20 @@ ApplicationWindow {
                 required property QtObject modelData
                 objectName: modelData.id
                 title: modelData.title
+                // As wide as its widest command, key included.
+                width: Math.max(implicitWidth, widest + leftPadding + rightPadding)
+                property real widest: {
+                    let w = 0
+                    for (let i = 0; i < rows.count; ++i) {
+                        const row = rows.objectAt(i)
+                        if (row)
+                            w = Math.max(w, row.implicitWidth)
+                    }
+                    return w
+                }
 
                 Instantiator {
+                    id: rows
                     model: menu.modelData.items
                     delegate: CommandMenuItem {}
                     onObjectAdded: (index, object) => menu.insertItem(index, object)

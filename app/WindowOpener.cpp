@@ -137,8 +137,12 @@ void WindowOpener::setContentSize(const QString &name, double width, double heig
     QQuickWindow *w = window(name);
     if (!w || !(width >= 1.0) || !(height >= 1.0) || width > 1e5 || height > 1e5)
         return;
-    // A QML window's size is its content's size: the frame is the window manager's.
-    w->resize(static_cast<int>(width), static_cast<int>(height));
+    // A QML window's size is its content's size: the frame is the window manager's. A script
+    // gets no smaller window than a user could drag it to.
+    const QSize size = QSize(static_cast<int>(width), static_cast<int>(height))
+                           .expandedTo(w->minimumSize())
+                           .boundedTo(w->maximumSize());
+    w->resize(size);
 }
 
 bool WindowOpener::snapshot(const QString &name, const QString &path)

@@ -16,6 +16,8 @@ packages=(
   qcoro-qt6-dev qtkeychain-qt6-dev
   # the interface's symbols: an icon theme to fall back on and the SVG icon engine that draws it
   adwaita-icon-theme libqt6svg6
+  # Qt's own texts (file chooser, standard buttons) in Russian
+  qt6-translations-l10n
   # media, text, compression, crypto
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libicu-dev zlib1g-dev libssl-dev
   # tests: unit framework, a display, software OpenGL, media generation, a second torrent client

@@ -4,6 +4,7 @@
 
 #include "tests/app/PrivateBus.h"
 
+#include "support/LocalSwarm.h"
 #include "support/TestSupport.h"
 
 #include <QDir>

@@ -14,6 +14,7 @@
 #include "playback/PlayerModel.h"
 #include "remote/ControlServer.h"
 
+#include "support/LocalSwarm.h"
 #include "support/TestSupport.h"
 
 #include <QApplication>
@@ -23,6 +24,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QQmlApplicationEngine>
 #include <QQmlComponent>
 #include <QQmlEngine>
 #include <QQuickItem>
@@ -60,6 +62,19 @@ QObject *findObject(QObject *root, const QString &name)
             if (QObject *found = findObject(child, name))
                 return found;
         }
+    }
+    return nullptr;
+}
+
+QQuickItem *findItem(QQuickItem *root, const std::function<bool(QQuickItem *)> &matches)
+{
+    if (!root)
+        return nullptr;
+    if (matches(root))
+        return root;
+    for (QQuickItem *child : root->childItems()) {
+        if (QQuickItem *found = findItem(child, matches))
+            return found;
     }
     return nullptr;
 }
@@ -177,17 +192,27 @@ TEST_F(WindowFrameTest, MainWindowOpensWithItsMenuBarAndAnEmptyContentArea)
         }
     }
 
-    // Open each menu and photograph it.
+    // Open each menu with a click on its title, as a user does, and photograph it.
     for (const char *id : {"menu.app", "menu.file", "menu.torrents"}) {
         QObject *menu = findObject(window, QString::fromLatin1(id));
-        QMetaObject::invokeMethod(menu, "popup", Q_ARG(QPointF, QPointF(id[5] == 'a' ? 0 : id[5] == 'f' ? 60 : 120, 0)));
-        ASSERT_TRUE(waitFor([menu] { return menu->property("opened").toBool(); })) << id;
+        QQuickItem *title = findItem(window->contentItem(), [menu](QQuickItem *item) {
+            // The bar's title of the menu, not one of the menu's own items.
+            return item->property("menuBar").value<QObject *>() && item->property("menu").value<QObject *>() == menu;
+        });
+        ASSERT_TRUE(title) << id;
+        const QPoint at = title->mapToScene(QPointF(title->width() / 2, title->height() / 2)).toPoint();
+        QTest::mouseClick(window, Qt::LeftButton, {}, at);
+        const bool opened = waitFor([menu] { return menu->property("opened").toBool(); }, std::chrono::seconds(5));
+        if (!opened)
+            window->grabWindow().save(screenshotPath(QStringLiteral("failed-") + QString::fromLatin1(id)));
+        ASSERT_TRUE(opened) << id << " at " << at.x() << "," << at.y();
         QTest::qWait(200);
         const QImage shot = window->grabWindow();
         ASSERT_FALSE(shot.isNull());
         EXPECT_TRUE(shot.save(screenshotPath(QStringLiteral("main-") + QString::fromLatin1(id))));
-        QMetaObject::invokeMethod(menu, "close");
-        ASSERT_TRUE(waitFor([menu] { return !menu->property("visible").toBool(); }));
+        // A click beside the menu closes it and leaves the bar idle again.
+        QTest::mouseClick(window, Qt::LeftButton, {}, QPoint(640, 500));
+        ASSERT_TRUE(waitFor([menu] { return !menu->property("visible").toBool(); })) << id;
     }
 }
 
@@ -206,8 +231,8 @@ TEST_F(WindowFrameTest, CommandKeysWorkFromEveryWindowAheadOfThePlayersKeys)
     // ...and its own keys stay its own.
     QTest::keyClick(other, Qt::Key_Space);
     const QVariantList keys = other->property("keys").toList();
-    ASSERT_EQ(keys.size(), 1);
-    EXPECT_EQ(keys.first().toInt(), int(Qt::Key_Space));
+    EXPECT_TRUE(keys.contains(int(Qt::Key_Space)));
+    EXPECT_FALSE(keys.contains(int(Qt::Key_T)));
 
     QGuiApplication::clipboard()->setText(QStringLiteral("magnet:?xt=urn:btih:0123456789abcdef0123456789abcdef01234567"));
     QTest::keyClick(other, Qt::Key_O, Qt::ControlModifier | Qt::ShiftModifier);
@@ -269,8 +294,11 @@ TEST_F(WindowFrameTest, ControlRoutesListSizeOpenCloseAndPhotographWindows)
     routeJson(server, QStringLiteral("/window?size=-5x300&name=main"));
     QTest::qWait(200);
     EXPECT_EQ(main()->size(), QSize(900, 560));
+    QSignalSpy drawn(main(), &QQuickWindow::frameSwapped);
     routeJson(server, QStringLiteral("/window?size=1100x700&name=main"));
     ASSERT_TRUE(waitFor([this] { return main()->size() == QSize(1100, 700); }));
+    // The next frame is drawn at the new size.
+    ASSERT_TRUE(waitFor([&drawn] { return drawn.count() > 0; }));
 
     routeJson(server, QStringLiteral("/window?open=settings"));
     EXPECT_TRUE(ui.showSettings());
