@@ -7,6 +7,11 @@
 #include "support/LocalSwarm.h"
 #include "support/TestSupport.h"
 
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QDBusVariant>
 #include <QDir>
 #include <QFile>
 #include <QImage>
@@ -109,3 +114,141 @@ TEST(ProgramOnDisplayTest, OpensItsMainWindowAnswersMediaControlsAndComesBackOnA
     ASSERT_TRUE(velix.waitForFinished(60000));
     EXPECT_EQ(velix.exitCode(), 0);
 }
+
+namespace {
+
+// The desktop side of a tray: a StatusNotifierWatcher with a host, as KDE's and GNOME's
+// panels run on the session bus. It writes down which items register.
+class TrayWatcher : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierWatcher")
+    Q_PROPERTY(bool IsStatusNotifierHostRegistered READ hostRegistered)
+    Q_PROPERTY(int ProtocolVersion READ protocolVersion)
+    Q_PROPERTY(QStringList RegisteredStatusNotifierItems READ registeredItems)
+
+public:
+    bool hostRegistered() const { return true; }
+    int protocolVersion() const { return 0; }
+    QStringList registeredItems() const { return items; }
+
+    QStringList items;   // what each item registered as
+    QStringList senders; // the bus name each registration came from
+
+public slots:
+    void RegisterStatusNotifierItem(const QString &service, const QDBusMessage &message)
+    {
+        items << service;
+        senders << message.service();
+    }
+    void RegisterStatusNotifierHost(const QString &) {}
+
+signals:
+    void StatusNotifierItemRegistered(const QString &service);
+    void StatusNotifierItemUnregistered(const QString &service);
+    void StatusNotifierHostRegistered();
+};
+
+struct MenuRow
+{
+    int id = 0;
+    QString label;
+};
+
+// The rows of a com.canonical.dbusmenu layout: (id, properties, children).
+QList<MenuRow> menuRows(const QDBusArgument &layout)
+{
+    QList<MenuRow> rows;
+    int id = 0;
+    QVariantMap properties;
+    QList<QDBusVariant> children;
+    layout.beginStructure();
+    layout >> id >> properties;
+    layout.beginArray();
+    while (!layout.atEnd()) {
+        QDBusVariant child;
+        layout >> child;
+        children << child;
+    }
+    layout.endArray();
+    layout.endStructure();
+    if (properties.contains(QStringLiteral("label")))
+        rows << MenuRow{id, properties.value(QStringLiteral("label")).toString()};
+    for (const QDBusVariant &child : children)
+        rows << menuRows(child.variant().value<QDBusArgument>());
+    return rows;
+}
+
+} // namespace
+
+TEST(ProgramOnDisplayTest, TheTrayIconAppearsOnADesktopWithATrayAndItsQuitEndsTheProgram)
+{
+    TempDir home;
+    std::ofstream(home.file("settings.json")) << R"({"dht": false, "lsd": false, "upnp": false})";
+    PrivateBus bus;
+    ASSERT_FALSE(bus.address().isEmpty());
+    QDBusConnection panel = bus.connect();
+    TrayWatcher watcher;
+    ASSERT_TRUE(panel.registerObject(QStringLiteral("/StatusNotifierWatcher"), &watcher, QDBusConnection::ExportAllContents));
+    ASSERT_TRUE(panel.registerService(QStringLiteral("org.kde.StatusNotifierWatcher")));
+
+    QProcessEnvironment env = bus.environment();
+    env.insert(QStringLiteral("VELIX_HOME"), home.qpath());
+    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), home.qpath());
+    env.insert(QStringLiteral("VELIX_SILENT"), QStringLiteral("1"));
+    env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+
+    // In background mode there is no icon.
+    const int quietPort = freeTcpPort();
+    QProcessEnvironment quietEnv = env;
+    quietEnv.insert(QStringLiteral("VELIX_BACKGROUND"), QStringLiteral("1"));
+    quietEnv.insert(QStringLiteral("VELIX_CONTROL_PORT"), QString::number(quietPort));
+    QProcess quiet;
+    quiet.setProcessEnvironment(quietEnv);
+    quiet.start(QStringLiteral(VELIX_BINARY), {});
+    ASSERT_TRUE(waitFor([&] { return get(quietPort, QStringLiteral("/state")).contains(QStringLiteral("torrents")); },
+                        std::chrono::seconds(60)));
+    EXPECT_TRUE(visibleIds(quietPort).isEmpty());
+    get(quietPort, QStringLiteral("/quit"));
+    ASSERT_TRUE(quiet.waitForFinished(60000));
+    EXPECT_TRUE(watcher.items.isEmpty());
+
+    env.remove(QStringLiteral("VELIX_BACKGROUND"));
+    QProcess velix;
+    velix.setProcessEnvironment(env);
+    velix.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    velix.start(QStringLiteral(VELIX_BINARY), {});
+    ASSERT_TRUE(velix.waitForStarted());
+    ASSERT_TRUE(waitFor([&] { return !watcher.senders.isEmpty(); }, std::chrono::seconds(60)));
+
+    // Its menu, as the panel reads it.
+    const QString item = watcher.senders.first();
+    QDBusMessage getMenu = QDBusMessage::createMethodCall(item, QStringLiteral("/StatusNotifierItem"),
+                                                          QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    getMenu << QStringLiteral("org.kde.StatusNotifierItem") << QStringLiteral("Menu");
+    const QDBusMessage menuReply = panel.call(getMenu, QDBus::BlockWithGui);
+    ASSERT_EQ(menuReply.type(), QDBusMessage::ReplyMessage) << menuReply.errorMessage().toStdString();
+    const QString menuPath = menuReply.arguments().value(0).value<QDBusVariant>().variant().value<QDBusObjectPath>().path();
+    ASSERT_FALSE(menuPath.isEmpty());
+    QDBusMessage getLayout = QDBusMessage::createMethodCall(item, menuPath, QStringLiteral("com.canonical.dbusmenu"),
+                                                            QStringLiteral("GetLayout"));
+    getLayout << 0 << -1 << QStringList();
+    const QDBusMessage layout = panel.call(getLayout, QDBus::BlockWithGui);
+    ASSERT_EQ(layout.type(), QDBusMessage::ReplyMessage) << layout.errorMessage().toStdString();
+    const QList<MenuRow> rows = menuRows(layout.arguments().value(1).value<QDBusArgument>());
+    QStringList labels;
+    for (const MenuRow &row : rows)
+        labels << row.label;
+    ASSERT_EQ(labels, (QStringList{QStringLiteral("Показать Velix"), QStringLiteral("Завершить Velix")}));
+
+    // "Завершить Velix" runs the ordered stop: the program saves and ends.
+    QDBusMessage click = QDBusMessage::createMethodCall(item, menuPath, QStringLiteral("com.canonical.dbusmenu"),
+                                                        QStringLiteral("Event"));
+    click << rows.at(1).id << QStringLiteral("clicked") << QVariant::fromValue(QDBusVariant(0)) << uint(0);
+    panel.call(click, QDBus::BlockWithGui);
+    ASSERT_TRUE(waitFor([&] { return velix.state() == QProcess::NotRunning; }, std::chrono::seconds(60)));
+    EXPECT_EQ(velix.exitCode(), 0);
+    EXPECT_TRUE(QFile::exists(home.qpath() + QStringLiteral("/torrents.json")));
+}
+
+#include "ProgramOnDisplayTest.moc"
