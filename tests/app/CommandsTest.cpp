@@ -209,21 +209,6 @@ TEST_F(CommandsTest, SettingsQuitAndTheTwoOpenActions)
     }
 }
 
-TEST_F(CommandsTest, BackgroundModeShowsNoWindowNorChooser)
-{
-    WindowOpener background(&ui, true);
-    AppActions quiet(engine.get(), &ui, &background);
-    QSignalSpy panel(&quiet, &AppActions::torrentPanelRequested);
-    quiet.openTorrentPanel();
-    EXPECT_EQ(panel.count(), 0);
-    QSignalSpy opened(&background, &WindowOpener::windowOpened);
-    background.open(QStringLiteral("settings"));
-    EXPECT_TRUE(ui.showSettings());
-    EXPECT_EQ(opened.count(), 0);
-    EXPECT_FALSE(background.exists(QStringLiteral("main")));
-    EXPECT_TRUE(background.visibleWindows().isEmpty());
-}
-
 TEST(SymbolTableTest, EverySymbolHasAnIconInTheFallbackTheme)
 {
     SymbolImageProvider::setUpThemes();

@@ -5,6 +5,7 @@
 
 #include "tests/playback/RecordingCore.h"
 
+#include "app/AppActions.h"
 #include "app/AppCommands.h"
 #include "app/AppFrame.h"
 #include "app/SingleInstance.h"
@@ -371,8 +372,12 @@ TEST_F(WindowFrameTest, BackgroundModeMakesTheWindowsButShowsNone)
     ASSERT_TRUE(window);
     background.windows()->open(QStringLiteral("main"));
     background.windows()->open(QStringLiteral("settings"));
+    QSignalSpy panel(background.actions(), &AppActions::torrentPanelRequested);
+    background.actions()->openTorrentPanel();
     QTest::qWait(300);
     EXPECT_FALSE(window->isVisible());
+    EXPECT_TRUE(ui.showSettings());
+    EXPECT_EQ(panel.count(), 0);
     EXPECT_EQ(background.tray(), nullptr);
     EXPECT_EQ(background.mpris(), nullptr);
     EXPECT_TRUE(background.windows()->visibleWindows().isEmpty());
