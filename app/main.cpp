@@ -1,11 +1,18 @@
 #include "app/AppDelegate.h"
+#include "app/AppFrame.h"
 #include "app/BundledRuntime.h"
 #include "app/SingleInstance.h"
+#include "app/WindowOpener.h"
 #include "core/Heartbeat.h"
 #include "engine/Storage.h"
 #include "engine/TorrentEngine.h"
+#include "library/MainUIState.h"
+#include "playback/PlayerModel.h"
+#include "remote/ControlServer.h"
 
-#include <QGuiApplication>
+#include <QApplication>
+#include <QQuickWindow>
+#include <QSGRendererInterface>
 #include <QSocketNotifier>
 
 #include <clocale>
@@ -64,11 +71,19 @@ int main(int argc, char **argv)
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && !hasDisplay())
         qputenv("QT_QPA_PLATFORM", "offscreen");
 
-    QGuiApplication app(argc, argv);
+    // Widgets only for the tray icon's menu; every window is Qt Quick.
+    QApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("Velix"));
     QCoreApplication::setOrganizationName(QStringLiteral("Velix"));
+    QGuiApplication::setDesktopFileName(QStringLiteral("org.velix.Velix"));
+    // The video item draws with libmpv's OpenGL renderer, so every window's scene graph runs on
+    // OpenGL; it must be chosen before the first window. The offscreen platform has no OpenGL
+    // and draws with the software renderer, which still takes window snapshots.
+    QQuickWindow::setGraphicsApi(QGuiApplication::platformName() == QLatin1String("offscreen")
+                                     ? QSGRendererInterface::Software
+                                     : QSGRendererInterface::OpenGL);
     // Closing the last window leaves the process downloading and seeding.
-    app.setQuitOnLastWindowClosed(false);
+    QGuiApplication::setQuitOnLastWindowClosed(false);
     // Qt resets the locale in its constructor, but libmpv needs LC_NUMERIC "C".
     std::setlocale(LC_NUMERIC, "C");
 
@@ -89,6 +104,16 @@ int main(int argc, char **argv)
 
     delegate.applicationWillFinishLaunching();
     delegate.applicationDidFinishLaunching();
+
+    AppFrame::Options options;
+    options.background = delegate.background();
+    options.quit = [] { QCoreApplication::quit(); };
+    AppFrame frame(delegate.engine(), PlayerModel::shared(), MainUIState::shared(), options);
+    frame.start();
+    delegate.stopSteps().hideWindows = [&frame] { frame.hideWindows(); };
+    if (ControlServer *control = delegate.controlServer())
+        control->setWindows(frame.windows());
+    frame.showMainOn(&instance);
 
     if (delegate.background()) {
         std::printf("Velix runs in the background (process %d, data in %s).\n"

@@ -381,6 +381,12 @@ void PlayerModel::setVolume(double volume)
         m_core->set(QStringLiteral("volume"), QString::number(PlayerRules::volumeValue(volume)));
 }
 
+void PlayerModel::setPlaybackSpeed(double speed)
+{
+    if (m_core && std::isfinite(speed))
+        m_core->set(QStringLiteral("speed"), QString::number(std::clamp(speed, 0.5, 2.0), 'g', 6));
+}
+
 void PlayerModel::savePosition()
 {
     if (!m_item || !m_loaded || !(m_duration > 0))

@@ -119,6 +119,8 @@ public:
     QCoro::Task<QMap<QString, QString>> diagnostics();
     Q_INVOKABLE void seek(double seconds);
     Q_INVOKABLE void setVolume(double volume);
+    // Playback speed, held to the speed menu's 0.5 to 2.0; `speed` follows when libmpv took it.
+    Q_INVOKABLE void setPlaybackSpeed(double speed);
     Q_INVOKABLE void savePosition();
     // Shows the controls and hides them again 3 s later, unless paused, opening or failed.
     Q_INVOKABLE void poke();

@@ -16,10 +16,16 @@ packages=(
   qml6-module-qtquick-window qml6-module-qtquick-layouts qml6-module-qtqml-workerscript
   qml6-module-qtquick-templates qml6-module-qt-labs-folderlistmodel qml6-module-qttest
   qcoro-qt6-dev qtkeychain-qt6-dev
+  # the interface's symbols: an icon theme to fall back on and the SVG icon engine that draws it
+  adwaita-icon-theme libqt6svg6
+  # Qt's own texts (file chooser, standard buttons) in Russian
+  qt6-translations-l10n
   # media, text, compression, crypto
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libicu-dev zlib1g-dev libssl-dev
   # tests: unit framework, a display, software OpenGL, media generation, a second torrent client
   libgtest-dev libgmock-dev xvfb xauth libgl1-mesa-dri ffmpeg python3-libtorrent iproute2 util-linux
+  # tests: a private session bus and a media-key client for the desktop media controls
+  dbus-daemon playerctl
 )
 
 # The agent-protocol bridge is tested with a real client from the npm registry.

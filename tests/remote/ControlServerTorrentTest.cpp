@@ -143,7 +143,6 @@ public:
         image.fill(Qt::darkCyan);
         return image.save(path, "PNG");
     }
-    bool videoSnapshot(const QString &) override { return false; }
 };
 
 TEST_F(ControlServerTorrentTest, PathsWithSpacesArriveHoweverTheClientEncodedThem)
