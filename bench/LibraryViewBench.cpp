@@ -13,6 +13,7 @@
 #include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
+#include <QQmlExtensionPlugin>
 #include <QQuickWindow>
 #include <QTest>
 #include <QtPlugin>

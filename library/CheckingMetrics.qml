@@ -1,4 +1,5 @@
 import QtQuick
+import Velix.Library
 
 // "Проверено 42% · Скорость: 80 МБ/с · Осталось: ≈ 5 с" while files are checked, "Загружено 42%"
 // otherwise.

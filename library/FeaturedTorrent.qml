@@ -1,4 +1,5 @@
 import QtQuick
+import Velix.Library
 import QtQuick.Controls
 import QtQuick.Layouts
 

@@ -1,4 +1,5 @@
 import QtQuick
+import Velix.Library
 import QtQuick.Controls
 
 // The library's buttons: a symbol, a text, a help shown as a tool tip and read out as the

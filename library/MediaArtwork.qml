@@ -1,4 +1,5 @@
 import QtQuick
+import Velix.Library
 
 // A torrent's or file's picture. Until a cover exists it is the pattern drawn from the
 // identity, with the title over it when `showsTitle`, and the kind's symbol for what is not a

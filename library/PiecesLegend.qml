@@ -1,4 +1,5 @@
 import QtQuick
+import Velix.Library
 
 // What the colours of a pieces bar mean.
 Row {

@@ -1,4 +1,5 @@
 import QtQuick
+import Velix.Library
 import QtQuick.Controls
 import QtQuick.Layouts
 
@@ -13,8 +14,6 @@ Popup {
     visible: MainViewModel.showRemoval
     closePolicy: Popup.CloseOnEscape
     onClosed: if (MainViewModel.showRemoval) MainViewModel.cancelRemoval()
-    Accessible.role: Accessible.Dialog
-    Accessible.name: MainViewModel.removalTitle
 
     background: Rectangle {
         radius: 12
@@ -23,6 +22,8 @@ Popup {
     }
     contentItem: ColumnLayout {
         spacing: 16
+        Accessible.role: Accessible.Dialog
+        Accessible.name: MainViewModel.removalTitle
         Text {
             objectName: "library.removalTitle"
             Layout.maximumWidth: 420

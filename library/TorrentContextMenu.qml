@@ -1,4 +1,5 @@
 import QtQuick
+import Velix.Library
 import QtQuick.Controls
 
 // The menu of a card, row or line. Which entries it has, their texts and order come from
@@ -20,9 +21,11 @@ Menu {
         return entries.find(e => commands.indexOf(e.command) >= 0)
     }
 
+    // Inline components don't see this file's ids: each entry is told its menu.
     component Entry: MenuItem {
+        required property var host
         property var commands: []
-        readonly property var entryData: menu.entry(commands)
+        readonly property var entryData: host.entries.find(e => commands.indexOf(e.command) >= 0)
         objectName: "menu." + commands[0]
         visible: entryData !== undefined
         height: visible ? implicitHeight : 0
@@ -30,27 +33,27 @@ Menu {
         checkable: entryData ? entryData.checkable : false
         checked: entryData ? entryData.checked : false
         Accessible.name: text
-        onTriggered: MainViewModel.runCommand(menu.torrentId, entryData.command)
+        onTriggered: MainViewModel.runCommand(host.torrentId, entryData.command)
     }
 
-    Entry { commands: ["open"] }
-    Entry { commands: ["details"] }
-    Entry { commands: ["resume"] }
-    Entry { commands: ["pause"] }
-    Entry { commands: ["force_start"] }
-    Entry { commands: ["sequential_on", "sequential_off"] }
-    Entry { commands: ["limits"] }
-    Entry { commands: ["move"] }
-    Entry { commands: ["reveal"] }
-    Entry { commands: ["recheck"] }
-    Entry { commands: ["reannounce"] }
+    Entry { host: menu; commands: ["open"] }
+    Entry { host: menu; commands: ["details"] }
+    Entry { host: menu; commands: ["resume"] }
+    Entry { host: menu; commands: ["pause"] }
+    Entry { host: menu; commands: ["force_start"] }
+    Entry { host: menu; commands: ["sequential_on", "sequential_off"] }
+    Entry { host: menu; commands: ["limits"] }
+    Entry { host: menu; commands: ["move"] }
+    Entry { host: menu; commands: ["reveal"] }
+    Entry { host: menu; commands: ["recheck"] }
+    Entry { host: menu; commands: ["reannounce"] }
     Menu {
         objectName: "menu.queue"
         title: menu.entry(["queue_top"]) ? menu.entry(["queue_top"]).submenu : ""
-        Entry { commands: ["queue_top"] }
-        Entry { commands: ["queue_up"] }
-        Entry { commands: ["queue_down"] }
-        Entry { commands: ["queue_bottom"] }
+        Entry { host: menu; commands: ["queue_top"] }
+        Entry { host: menu; commands: ["queue_up"] }
+        Entry { host: menu; commands: ["queue_down"] }
+        Entry { host: menu; commands: ["queue_bottom"] }
     }
-    Entry { commands: ["remove"] }
+    Entry { host: menu; commands: ["remove"] }
 }

@@ -1,4 +1,5 @@
 import QtQuick
+import Velix.Library
 
 // The torrent's state as its symbol and its line.
 Row {

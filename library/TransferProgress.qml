@@ -1,4 +1,5 @@
 import QtQuick
+import Velix.Library
 
 // The progress bar of a torrent: its pieces once the map is in, else a plain fill.
 PiecesBar {

@@ -74,7 +74,7 @@ TEST(LibraryScreenTest, HeaderCountsTheVisibleAndNamesTheSelectionActions)
         LibraryHeader header;
     };
     const std::vector<Row> rows{
-        {TorrentFilter::all, {}, {QStringLiteral("Медиатека"), QStringLiteral("В коллекции: 4"), QStringLiteral("2 загружено")}},
+        {TorrentFilter::all, {}, {QStringLiteral("Медиатека"), QStringLiteral("В коллекции: 4"), QStringLiteral("2 загружено"), {}, {}, {}}},
         {TorrentFilter::completed,
          {torrent("d", "Down")},
          {QStringLiteral("Завершённые"), QStringLiteral("В коллекции: 4"), QStringLiteral("2 загружено"),

@@ -151,7 +151,7 @@ TEST(TorrentListModelTest, SelectionTellsTheRowsWhoseMembershipChanged)
     ASSERT_EQ(tableChanged.count(), 4);
     EXPECT_EQ(tableChanged.at(0).at(1).toModelIndex().column(), 5);
     EXPECT_EQ(table.data(table.index(4, 0), Qt::DisplayRole).toString(), QStringLiteral("Film t0004.mkv"));
-    EXPECT_EQ(table.data(table.index(4, 2), Qt::DisplayRole).toString(), QStringLiteral("0%"));
+    EXPECT_EQ(table.data(table.index(4, 5), Qt::DisplayRole).toString(), QStringLiteral("—")); // idle: no time left
 }
 
 // The model over a real engine whose list the test sets as a poll would.
