@@ -18,6 +18,7 @@
 #include <QQuickItem>
 #include <QQuickWindow>
 #include <QTest>
+#include <QUrl>
 #include <QtPlugin>
 
 #include <gtest/gtest.h>
@@ -286,6 +287,18 @@ TEST_F(MainViewTest, OneTorrentIsACardARowAndALine)
     QTest::keyClick(window, Qt::Key_Escape);
     settle();
     EXPECT_EQ(model->contentMode(), QStringLiteral("library"));
+
+    // A move takes the files to the chosen folder and the torrent follows them.
+    const std::string moved = downloads.path() + "/moved";
+    fs::create_directories(moved);
+    model->move(id, QUrl::fromLocalFile(QString::fromStdString(moved)).toString());
+    ASSERT_TRUE(waitFor([&] {
+        const auto t = engine->torrent(id);
+        return t && t->savePath == QString::fromStdString(moved) && !t->moving
+            && fs::exists(moved + "/Dark_Hollow_(1987)_[DVDRip].avi");
+    }));
+    EXPECT_FALSE(fs::exists(source.file("Dark_Hollow_(1987)_[DVDRip].avi")));
+    EXPECT_EQ(textOf(QStringLiteral("library.count")), QStringLiteral("В коллекции: 1"));
 }
 
 // A library with a torrent in each state the engine reports, a seeder on 127.0.0.1 feeding the
