@@ -6,6 +6,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
+
 namespace {
 
 QJsonArray arrayOf(const QByteArray &json)
@@ -120,4 +122,78 @@ QList<TorrentFile> decodeTorrentFiles(const QByteArray &json)
         files << f;
     }
     return files;
+}
+
+namespace {
+
+// The pieces a range names, clamped to the map; empty when it names none.
+std::pair<int, int> clampedRange(const PieceMap &map, std::optional<std::pair<int, int>> range)
+{
+    int first = range ? std::max(range->first, 0) : 0;
+    int last = range ? std::min(range->second, map.count() - 1) : map.count() - 1;
+    if (first > last)
+        return {0, -1};
+    return {first, last};
+}
+
+int stateSlot(char digit)
+{
+    switch (static_cast<PieceState>(digit)) {
+    case PieceState::downloaded:
+        return 0;
+    case PieceState::receiving:
+        return 1;
+    case PieceState::unavailable:
+        return 3;
+    case PieceState::waiting:
+        break;
+    }
+    return 2;
+}
+
+constexpr PieceState SlotStates[4] = {PieceState::downloaded, PieceState::receiving, PieceState::waiting,
+                                      PieceState::unavailable};
+
+} // namespace
+
+QList<PieceState> PieceMap::columns(std::optional<std::pair<int, int>> range, int wanted) const
+{
+    const auto [first, last] = clampedRange(*this, range);
+    const int pieces = last - first + 1;
+    if (pieces <= 0 || wanted <= 0)
+        return {};
+    const int spans = std::min(pieces, wanted);
+    QList<PieceState> result;
+    result.reserve(spans);
+    for (int span = 0; span < spans; ++span) {
+        const int from = first + static_cast<int>(static_cast<qint64>(span) * pieces / spans);
+        const int to = first + static_cast<int>(static_cast<qint64>(span + 1) * pieces / spans);
+        int counts[4] = {0, 0, 0, 0};
+        for (int piece = from; piece < to; ++piece)
+            ++counts[stateSlot(bytes.at(piece))];
+        if (counts[1] > 0) {
+            result << PieceState::receiving;
+            continue;
+        }
+        int best = 0;
+        for (int slot : {2, 3}) {
+            if (counts[slot] > counts[best])
+                best = slot;
+        }
+        result << SlotStates[best];
+    }
+    return result;
+}
+
+QString PieceMap::summary(std::optional<std::pair<int, int>> range) const
+{
+    const auto [first, last] = clampedRange(*this, range);
+    int counts[4] = {0, 0, 0, 0};
+    for (int piece = first; piece <= last; ++piece)
+        ++counts[stateSlot(bytes.at(piece))];
+    return QStringLiteral("Загружено: %1, Получение / запись: %2, Ожидание: %3, Нет у пиров: %4")
+        .arg(counts[0])
+        .arg(counts[1])
+        .arg(counts[2])
+        .arg(counts[3]);
 }

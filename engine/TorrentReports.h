@@ -6,6 +6,7 @@
 #include <QStringList>
 
 #include <optional>
+#include <utility>
 
 struct TorrentFile;
 
@@ -56,6 +57,16 @@ struct PieceMap
     bool operator==(const PieceMap &) const = default;
     PieceState state(int piece) const { return static_cast<PieceState>(bytes.at(piece)); }
     int count() const { return static_cast<int>(bytes.size()); }
+
+    // The pieces first..last (inclusive, clamped to the map; none: all) cut into at most
+    // `count` equal spans, one state a span, for a bar that has fewer pixels than pieces. A
+    // span that is receiving anything shows that; otherwise its most frequent state, a tie
+    // going to the state further along (downloaded, then waiting, then unavailable). A bad
+    // digit counts as waiting.
+    QList<PieceState> columns(std::optional<std::pair<int, int>> range, int count) const;
+    // "Загружено: 3, Получение / запись: 1, Ожидание: 5, Нет у пиров: 0" over the same range,
+    // the spoken form of the bar.
+    QString summary(std::optional<std::pair<int, int>> range = std::nullopt) const;
 };
 
 struct TorrentPreviewFile

@@ -4,6 +4,9 @@
 #include "library/TorrentDisplay.h"
 #include "media/MediaPresentation.h"
 
+#include <QHash>
+#include <QLocale>
+
 #include <algorithm>
 
 bool passesFilter(const TorrentStatus &t, TorrentFilter filter)
@@ -45,13 +48,96 @@ QString normalizedSearch(const QString &search)
     return search.mid(first, last - first).toLower();
 }
 
-bool matchesSearch(const TorrentStatus &t, const QString &normalizedQuery)
+QString searchReading(const QString &text)
+{
+    static const QLocale locale = [] {
+        const QLocale system;
+        // Under the bare C locale (no LANG) fold as a Russian reader would: Cyrillic names are
+        // the common case and the C locale folds only ASCII.
+        return system.language() == QLocale::C ? QLocale(QLocale::Russian, QLocale::Russia) : system;
+    }();
+    const QString folded = locale.toLower(text);
+    QString reading;
+    reading.reserve(folded.size());
+    bool blank = true; // drops leading blanks and collapses runs
+    for (const QChar c : folded) {
+        const bool separator = c.isSpace() || c == QLatin1Char('.') || c == QLatin1Char('_') || c == QLatin1Char('-')
+            || c == QLatin1Char('[') || c == QLatin1Char(']') || c == QLatin1Char('(') || c == QLatin1Char(')')
+            || c == QLatin1Char('{') || c == QLatin1Char('}');
+        if (separator) {
+            if (!blank)
+                reading += QLatin1Char(' ');
+            blank = true;
+            continue;
+        }
+        reading += c == QChar(0x0451) ? QChar(0x0435) : c; // ё as е
+        blank = false;
+    }
+    if (reading.endsWith(QLatin1Char(' ')))
+        reading.chop(1);
+    return reading;
+}
+
+SearchKeys searchKeys(const QString &name)
+{
+    const MediaPresentation presentation(name);
+    QString titleLine = presentation.title;
+    for (const auto &part : {presentation.year, presentation.episode, presentation.quality}) {
+        if (part)
+            titleLine += QLatin1Char(' ') + *part;
+    }
+    return SearchKeys{searchReading(name), searchReading(titleLine), presentation.title};
+}
+
+namespace {
+
+// Parsing a title runs four expressions; a library of thousands filters on every typed letter,
+// so each name is read once. Names are few next to the memory this costs, and the cache only
+// grows by names the library really had.
+const SearchKeys &cachedSearchKeys(const QString &name)
+{
+    thread_local QHash<QString, SearchKeys> cache;
+    auto found = cache.constFind(name);
+    if (found != cache.constEnd())
+        return *found;
+    if (cache.size() > 20000)
+        cache.clear();
+    return *cache.insert(name, searchKeys(name));
+}
+
+bool everyWordIn(const QStringList &words, const QString &reading)
+{
+    return std::all_of(words.begin(), words.end(), [&reading](const QString &w) { return reading.contains(w); });
+}
+
+} // namespace
+
+namespace {
+
+QStringList queryWords(const QString &normalizedQuery)
+{
+    return searchReading(normalizedQuery).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+}
+
+bool matchesSearch(const TorrentStatus &t, const QString &normalizedQuery, const QStringList &words)
 {
     if (normalizedQuery.isEmpty())
         return true;
     if (t.name.contains(normalizedQuery, Qt::CaseInsensitive))
         return true;
-    return MediaPresentation(t.name).title.contains(normalizedQuery, Qt::CaseInsensitive);
+    const SearchKeys &keys = cachedSearchKeys(t.name);
+    if (keys.title.contains(normalizedQuery, Qt::CaseInsensitive))
+        return true;
+    if (words.isEmpty())
+        return false;
+    return everyWordIn(words, keys.nameReading) || everyWordIn(words, keys.titleReading);
+}
+
+} // namespace
+
+bool matchesSearch(const TorrentStatus &t, const QString &normalizedQuery)
+{
+    return matchesSearch(t, normalizedQuery, queryWords(normalizedQuery));
 }
 
 bool nameRuleBefore(const TorrentStatus &a, const TorrentStatus &b)
@@ -128,9 +214,10 @@ QList<TableSortColumn> defaultTableSort()
 QList<TorrentStatus> visibleTorrents(const QList<TorrentStatus> &torrents, const LibraryQuery &query)
 {
     const QString needle = normalizedSearch(query.search);
+    const QStringList words = queryWords(needle);
     QList<TorrentStatus> result;
     for (const TorrentStatus &t : torrents) {
-        if (passesFilter(t, query.filter) && matchesSearch(t, needle))
+        if (passesFilter(t, query.filter) && matchesSearch(t, needle, words))
             result << t;
     }
     if (query.layout == LibraryLayout::table) {

@@ -21,8 +21,25 @@ int filterCount(const QList<TorrentStatus> &torrents, TorrentFilter filter);
 // The search text as it is matched: blanks and tabs trimmed at both ends (a pasted new line is
 // kept, it can't be in a name anyway), lower-cased.
 QString normalizedSearch(const QString &search);
-// A torrent passes when its name or the title parsed from it contains the query, ignoring
-// case; an empty query passes all. Nothing else of a torrent is searched.
+// A name as people type it when they look for it: release separators (".", "_", "-", brackets
+// and parentheses) read as blanks, runs of blanks as one, letters folded by the locale's case
+// and "ё" read as "е". Used for both sides of the word search.
+QString searchReading(const QString &text);
+
+// What a torrent is found by: the reading of its name, and the reading of the title parsed from
+// it with that title's year, season and quality. Kept per name, since a name never changes.
+struct SearchKeys
+{
+    QString nameReading;
+    QString titleReading;
+    QString title; // the parsed title as it stands, for the whole-query test
+};
+SearchKeys searchKeys(const QString &name);
+
+// A torrent passes when its name or the title parsed from it contains the whole query,
+// ignoring case; or when every word of the query is in the reading of its name or of its
+// title line. An empty query passes all. Nothing else of a torrent is searched: not tracker,
+// path or file names.
 bool matchesSearch(const TorrentStatus &t, const QString &normalizedQuery);
 
 // The last word of every order: names in natural order, then ids, so two torrents of the same

@@ -7,6 +7,7 @@
 #include <QList>
 #include <QObject>
 #include <QPointer>
+#include <QtQml/qqmlregistration.h>
 #include <QSet>
 #include <QString>
 #include <QStringList>
@@ -26,6 +27,7 @@ class TorrentEngine;
 class MainUIState : public QObject
 {
     Q_OBJECT
+    QML_ANONYMOUS
     Q_PROPERTY(QString filter READ filterRaw WRITE setFilterRaw NOTIFY filterChanged)
     Q_PROPERTY(QStringList selection READ selectionList WRITE setSelectionList NOTIFY selectionChanged)
     Q_PROPERTY(QString tab READ tabRaw WRITE setTabRaw NOTIFY tabChanged)
@@ -114,7 +116,10 @@ public:
     // longer has it. The main screen calls it when the filter, search, list or sort changes.
     Q_INVOKABLE void reconcileSelection();
 
+    // Where the next Shift-click measures from. Clicks move it; the table's clicks and the arrow
+    // keys, which select without opening, set it here.
     std::optional<QString> selectionAnchor() const { return m_selectionAnchor; }
+    void setSelectionAnchor(const QString &id) { m_selectionAnchor = id; }
 
     QString preferencesPath() const { return m_preferencesPath; }
 

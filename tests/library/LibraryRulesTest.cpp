@@ -97,13 +97,59 @@ TEST(LibraryRulesTest, SearchMatchesTheNameAndTheParsedTitleOnly)
         {QStringLiteral("1080p.web"), true},
         {QStringLiteral("tracker.example"), false},   // not the tracker
         {QStringLiteral("Films"), false},             // not the save path
-        {QStringLiteral("some\nshow"), false},        // new lines are not trimmed or ignored
+        {QStringLiteral("some\nshow"), true},         // a pasted new line parts words like a blank
+        {QStringLiteral("show tracker"), false},      // every word must be found
     };
     for (const Row &row : rows)
         EXPECT_EQ(matchesSearch(show, normalizedSearch(row.search)), row.passes) << row.search.toStdString();
 
     // Case folding follows the locale, not ASCII only.
     EXPECT_TRUE(matchesSearch(torrent("b", "Серия 2"), normalizedSearch(QStringLiteral("СЕРИЯ"))));
+}
+
+TEST(LibraryRulesTest, SearchFindsReleaseNamesByTheWordsPeopleType)
+{
+    const QList<TorrentStatus> library{
+        torrent("harbor", "Silver.Harbor.S02E05.1080p.WEB-DL.mkv"),
+        torrent("hollow", "Dark_Hollow_(1987)_[DVDRip].avi"),
+        torrent("moon", "Лунный.Свет.2015.BDRip.1080p"),
+        torrent("hedgehog", "Ёжик в тумане (1975)"),
+        torrent("album", "Some Band - Greatest Hits {2001}"),
+    };
+    struct Row
+    {
+        const char *search;
+        const char *found;
+    };
+    const std::vector<Row> rows{
+        {"silver harbor s02", "harbor"},
+        {"Harbor silver", "harbor"},       // words in any order
+        {"silver.harbor", "harbor"},       // the query's separators are blanks too
+        {"сезон 2 серия 5", "harbor"},     // the parsed season and episode
+        {"dark hollow 1987", "hollow"},
+        {"hollow dvdrip", "hollow"},
+        {"лунный свет 2015", "moon"},
+        {"ЛУННЫЙ 1080P", "moon"},          // case folded for Cyrillic and Latin alike
+        {"ежик в тумане", "hedgehog"},     // "ё" is read as "е" on both sides
+        {"Ёжик 1975", "hedgehog"},
+        {"band 2001", "album"},
+        {"hits greatest", "album"},
+        {"1080p", "harbor moon"},
+        {"silver 1987", ""},               // words of two torrents find neither
+        {"harbour", ""},
+        {"  ", "harbor hollow moon hedgehog album"},
+    };
+    for (const Row &row : rows) {
+        LibraryQuery query;
+        query.search = QString::fromUtf8(row.search);
+        QStringList found;
+        for (const TorrentStatus &t : library) {
+            if (matchesSearch(t, normalizedSearch(query.search)))
+                found << t.id;
+        }
+        EXPECT_EQ(found, split(row.found)) << row.search;
+    }
+    EXPECT_EQ(searchReading(QStringLiteral("  Ёлки.(2010)_[BDRip]--Part  2 ")), QStringLiteral("елки 2010 bdrip part 2"));
 }
 
 TEST(LibraryRulesTest, SortsOrderLargerFirstAndBreakTiesByName)
