@@ -10,6 +10,7 @@
 #include "app/WindowOpener.h"
 #include "engine/TorrentEngine.h"
 #include "library/MainUIState.h"
+#include "library/MainViewModel.h"
 #include "playback/PlayerModel.h"
 
 #include <QFile>
@@ -55,6 +56,8 @@ AppFrame::~AppFrame()
     qDeleteAll(m_ownedWindows);
     m_ownedWindows.clear();
     m_qml.reset();
+    if (m_library)
+        MainViewModel::install(nullptr);
 }
 
 QQuickWindow *AppFrame::window(const QString &id) const
@@ -104,6 +107,14 @@ bool AppFrame::start()
     m_qml->addImportPath(QStringLiteral("qrc:/qt/qml"));
     m_qml->addImageProvider(QStringLiteral("symbol"), new SymbolImageProvider);
 
+    if (m_engine && m_player && m_ui) {
+        // The library's screens read the frame's own engine, player and state, and ask the
+        // frame for the windows they open (the player on a play).
+        m_library = new MainViewModel(m_engine, m_player, m_ui, this);
+        MainViewModel::install(m_library);
+        connect(m_library, &MainViewModel::windowRequested, m_windows,
+                [this](const QString &name) { m_windows->open(name); });
+    }
     if (resourceExists(MainViewUrl))
         m_windows->setMainContent(MainViewUrl);
     QQuickWindow *main = createWindow(MainWindowUrl, QStringLiteral("main"));

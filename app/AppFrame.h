@@ -11,6 +11,7 @@
 class AppActions;
 class AppCommands;
 class MainUIState;
+class MainViewModel;
 class MprisService;
 class PlayerModel;
 class QQmlApplicationEngine;
@@ -82,6 +83,7 @@ private:
     AppCommands *m_commands = nullptr;
     std::unique_ptr<QQmlApplicationEngine> m_qml;
     MprisService *m_mpris = nullptr;
+    MainViewModel *m_library = nullptr;
     TrayIcon *m_tray = nullptr;
     // The windows are the frame's: made without a parent so the engine leaves them alone.
     QList<QQuickWindow *> m_ownedWindows;
