@@ -67,7 +67,8 @@ lt::settings_pack make_pack(const char *text)
         }
     }
     // The alert queue carries only what the bridge handles, whatever the text asked for.
-    pack.set_int(lt::settings_pack::alert_mask, 0x40004D);
+    pack.set_int(lt::settings_pack::alert_mask,
+                 static_cast<int>(0x40004Du | (reader_log_enabled() ? trace_alert_mask() : 0u)));
     return pack;
 }
 
@@ -229,6 +230,8 @@ void tb_session::handle_alert(lt::alert *alert)
         return;
     }
     try {
+        if (reader_log_enabled())
+            trace_alert(alert);
         switch (alert->type()) {
         case lt::piece_finished_alert::alert_type:
             piece_reads_changed.notify_all();

@@ -553,6 +553,12 @@ QString AppSettings::libtorrentSettings() const
     // room for checking and for torrents that only announce.
     setNumber("active_limit", std::max<qint64>(qint64(activeDownloads) + activeSeeds, 20));
     setNumber("active_checking", 1);
+    // Streaming starts on these. The library connects, requests and re-plans on its tick: at the
+    // default half second the first piece of a film waits for it more than for the wire. And it
+    // fetches a few random pieces first to have something to trade; a stream needs the piece at
+    // the play position first, and trades soon enough once it plays.
+    setNumber("tick_interval", 100);
+    setNumber("initial_picker_threshold", 0);
 
     for (const EncryptionRow &row : EncryptionRows) {
         if (row.mode != encryption)

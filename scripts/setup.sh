@@ -18,6 +18,8 @@ packages=(
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libicu-dev zlib1g-dev libssl-dev
   # tests: unit framework, a display, software OpenGL, media generation, a second torrent client
   libgtest-dev libgmock-dev xvfb xauth libgl1-mesa-dri ffmpeg python3-libtorrent iproute2 util-linux
+  # benchmarks: the player program that plays every client's stream side by side
+  mpv
 )
 
 # The agent-protocol bridge is tested with a real client from the npm registry.

@@ -1,0 +1,71 @@
+#pragma once
+
+// What a stream asks of the swarm for its read position, as plain numbers: which pieces, in
+// which order, by when and at which priority. The reader turns these into library calls; the
+// rules themselves stay free of libtorrent so they can be checked as tables.
+
+#include <cstdint>
+#include <functional>
+#include <set>
+#include <vector>
+
+namespace tb {
+
+// The film a reader streams, in the torrent's piece space.
+struct StreamShape
+{
+    int first_piece = 0;
+    int last_piece = 0;
+    int piece_length = 0;
+    // Bytes of film a second of playing consumes; 0 when unknown.
+    int64_t rate = 0;
+};
+
+struct WindowPiece
+{
+    int piece = 0;
+    // Milliseconds from now by which the piece must be there; -1 for none.
+    int deadline_ms = -1;
+    int priority = 0;
+
+    bool operator==(const WindowPiece &) const = default;
+};
+
+// The stream's rate when nothing better is known: a high-definition film's 8 Mbit/s. Sizing the
+// window for more than the real rate costs only a longer window.
+inline constexpr int64_t AssumedRate = 1'000'000;
+// Seconds of film carrying deadlines ahead of the read position, and seconds of film raised
+// above the rest of the file beyond them.
+inline constexpr int DeadlineSeconds = 4;
+inline constexpr int WindowSeconds = 40;
+// The file's last piece, where containers keep their index, comes right after the first pieces.
+inline constexpr int TailPriority = 6;
+
+// The pieces to raise for a read at `start`, in play order, leaving out those `have` says are
+// there. The piece under the read position comes first at the top priority and a deadline of 0;
+// the pieces after it within DeadlineSeconds of film get deadlines spaced by the time the player
+// takes to reach them, and the rest of the window gets priorities falling with distance, so the
+// picker fetches in play order rather than all at once.
+std::vector<WindowPiece> plan_window(const StreamShape &shape, int start, const std::function<bool(int)> &have);
+
+// How a reader moves from the window it laid to a new one.
+struct WindowChange
+{
+    // The position jumped (a seek, a new request, a new reader taking over): every deadline the
+    // torrent holds goes at once, which also drops requests queued for the old position.
+    bool clear_deadlines = false;
+    // Pieces given back to the file's priority, their deadlines reset.
+    std::vector<int> lowered;
+    std::vector<WindowPiece> raised;
+};
+
+// How many pieces carry deadlines for this shape, the first included.
+int deadline_pieces(const StreamShape &shape);
+
+// `laid` holds the pieces raised by the last window, laid at `old_start` (-1: none yet). Playing
+// on moves the start forward within the deadline stretch, which keeps the deadlines; any other
+// move is a jump.
+WindowChange change_window(const StreamShape &shape, const std::set<int> &laid, int old_start,
+                           const std::vector<WindowPiece> &plan, int start);
+
+} // namespace tb

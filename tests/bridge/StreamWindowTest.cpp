@@ -1,0 +1,129 @@
+// The rules that turn a stream's read position into piece deadlines and priorities.
+
+#include "bridge/StreamWindow.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+using tb::StreamShape;
+using tb::WindowPiece;
+
+namespace {
+
+constexpr int MiB = 1024 * 1024;
+
+// Half a megabyte a second: a 1 MiB piece plays for 2097 ms.
+const StreamShape Film{0, 99, MiB, 500'000};
+
+std::vector<int> piecesOf(const std::vector<WindowPiece> &plan)
+{
+    std::vector<int> pieces;
+    for (const WindowPiece &p : plan)
+        pieces.push_back(p.piece);
+    return pieces;
+}
+
+std::vector<int> range(int from, int to)
+{
+    std::vector<int> out;
+    for (int k = from; k <= to; ++k)
+        out.push_back(k);
+    return out;
+}
+
+} // namespace
+
+TEST(StreamWindowTest, WindowCoversSecondsOfFilmInPlayOrder)
+{
+    struct Case
+    {
+        const char *what;
+        StreamShape shape;
+        int start;
+        std::set<int> had;
+        std::vector<int> pieces;
+        int withDeadline; // how many of them carry one
+    };
+    const Case cases[] = {
+        // 4 s of film are 2 pieces with deadlines, 40 s beyond them are 20 more.
+        {"start of the film", Film, 0, {}, range(0, 21), 2},
+        {"middle of the film", Film, 50, {}, range(50, 71), 2},
+        {"cut at the file's last piece", Film, 90, {}, range(90, 99), 2},
+        {"pieces already there are left out", Film, 0, {0, 2, 3}, [] {
+             std::vector<int> v{1};
+             for (int k = 4; k <= 21; ++k)
+                 v.push_back(k);
+             return v;
+         }(), 1},
+        // Unknown rate: an 8 Mbit/s film is assumed, 4 pieces with deadlines and 39 beyond.
+        {"unknown rate", {0, 199, MiB, 0}, 0, {}, range(0, 42), 4},
+        // Huge pieces still leave the next one ready behind the current one.
+        {"32 MiB pieces", {0, 99, 32 * MiB, 1'000'000}, 0, {}, range(0, 3), 2},
+        // Small pieces: the deadlines stop at 32 pieces, the priorities reach on.
+        {"16 KiB pieces", {0, 9999, 16 * 1024, 1'000'000}, 0, {}, range(0, 32 + 2441), 32},
+        {"a file that starts inside the torrent", {10, 40, MiB, 500'000}, 10, {}, range(10, 31), 2},
+        {"a position outside the file", Film, 100, {}, {}, 0},
+    };
+    for (const Case &c : cases) {
+        const auto plan = tb::plan_window(c.shape, c.start, [&](int piece) { return c.had.count(piece) > 0; });
+        EXPECT_EQ(piecesOf(plan), c.pieces) << c.what;
+        int withDeadline = 0;
+        for (const WindowPiece &p : plan)
+            withDeadline += p.deadline_ms >= 0 ? 1 : 0;
+        EXPECT_EQ(withDeadline, c.withDeadline) << c.what;
+    }
+}
+
+TEST(StreamWindowTest, ThePlayPositionComesFirstAndTheRestFollowsByDistance)
+{
+    const auto plan = tb::plan_window(Film, 10, [](int) { return false; });
+    ASSERT_GE(plan.size(), 4u);
+    // Only the piece under the position is at the top and due at once; the next one is due
+    // when the player reaches it; the rest carry no deadline and a lower priority, so the
+    // picker does not interleave them with the piece the player waits for.
+    EXPECT_EQ(plan[0], (WindowPiece{10, 0, 7}));
+    EXPECT_EQ(plan[1], (WindowPiece{11, 2097, 6}));
+    EXPECT_EQ(plan[2], (WindowPiece{12, -1, 5}));
+    EXPECT_EQ(plan.back(), (WindowPiece{31, -1, 5}));
+
+    const StreamShape slow{0, 99, MiB, 100'000}; // 10.5 s a piece: deadlines stay in whole seconds
+    const auto slowPlan = tb::plan_window(slow, 0, [](int) { return false; });
+    EXPECT_EQ(slowPlan[1].deadline_ms, 10485);
+}
+
+TEST(StreamWindowTest, AJumpClearsTheOldDeadlinesAndPlayingOnKeepsThem)
+{
+    const auto none = [](int) { return false; };
+    const auto at0 = tb::plan_window(Film, 0, none);
+    std::set<int> laid;
+    for (const WindowPiece &p : at0)
+        laid.insert(p.piece);
+    struct Case
+    {
+        const char *what;
+        int oldStart;
+        int start;
+        bool clears;
+        std::vector<int> lowered;
+    };
+    const Case cases[] = {
+        {"the first window of a stream", -1, 0, true, {}},
+        {"the same position again", 0, 0, false, {}},
+        {"playing on into the next piece", 0, 1, false, {0}},
+        {"a seek past the deadline stretch", 0, 50, true, range(0, 21)},
+        {"a seek back from further on", 5, 0, true, {}},
+        {"a seek just behind the window", 0, 20, true, range(0, 19)},
+    };
+    for (const Case &c : cases) {
+        const auto plan = tb::plan_window(Film, c.start, none);
+        const tb::WindowChange change = tb::change_window(Film, laid, c.oldStart, plan, c.start);
+        EXPECT_EQ(change.clear_deadlines, c.clears) << c.what;
+        EXPECT_EQ(change.lowered, c.lowered) << c.what;
+        ASSERT_FALSE(change.raised.empty()) << c.what;
+        // Whatever happened before, the new position is first in what is raised.
+        EXPECT_EQ(change.raised.front(), (WindowPiece{c.start, 0, 7})) << c.what;
+    }
+}
