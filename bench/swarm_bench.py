@@ -262,25 +262,30 @@ class Run:
         self.stalls = None
         self.stall_seconds = None
         self.download_share = None
+        self.download_sent = None  # share of the film the seeders sent
         self.timeline = {}
 
 
 def watch_download(seeders, t0, film_size, capacity, run, limit):
-    """The download's rate from its first byte until the client has it all: a seeder sees it
-    complete, or, since seeders drop a peer that has become a seed, the seeders have sent the
-    whole film between them."""
+    """The download's rate: what the seeders sent between the first byte and the last, until the
+    client has it all (a seeder sees it complete, or, since seeders drop a peer that has become a
+    seed, they have sent the whole film between them) or the time is up."""
     base = seeders.uploaded()
-    first_byte = None
+    first_byte = last_byte = None
+    last_sent = 0
     deadline = t0 + limit
     while time.monotonic() < deadline:
         sent = seeders.uploaded() - base
-        if first_byte is None and sent > 0:
-            first_byte = time.monotonic()
+        now = time.monotonic()
+        if sent > last_sent:
+            first_byte = first_byte or now
+            last_byte, last_sent = now, sent
         if sent >= film_size or any(p >= 1.0 for p, _ in seeders.peers()):
-            if first_byte is not None:
-                run.download_share = film_size / (time.monotonic() - first_byte) / capacity
-            return
+            break
         time.sleep(0.05)
+    if first_byte and last_byte and last_byte > first_byte:
+        run.download_share = last_sent / (last_byte - first_byte) / capacity
+    run.download_sent = last_sent / film_size
 
 
 def play_and_measure(run, t0, first_frame_at, seek_to, restarts_after, stalls_between, seeders, film_size,
@@ -337,7 +342,7 @@ def run_velix(args, mode, work, torrent, seeders, film_size, duration, capacity)
                 lambda a, b: count_stalls(trace_changes(log_path), a, b),
                 seeders, film_size, capacity)
         else:
-            mpv.command("loadfile", "http://127.0.0.1:%d/stream?id=%s&file=0" % (velix.port, torrent_id))
+            mpv.command("loadfile", "http://127.0.0.1:%d/stream/%s/0/film.mkv" % (velix.port, torrent_id))
             frame = wait_until(lambda: mpv.times("playback-restart"), 60.0)
             if not frame:
                 raise RuntimeError("mpv showed no frame")
@@ -583,7 +588,9 @@ def main():
             results.setdefault(client, []).append(run)
             print("  %-10s run %d: first frame %s, seek %s, stalls %s (%s), download %s%s" % (
                 client, r + 1, text(run.first_frame, "s"), text(run.seek, "s"), run.stalls,
-                text(run.stall_seconds, "s"), text(run.download_share and run.download_share * 100, "%"),
+                text(run.stall_seconds, "s"),
+                text(run.download_share and run.download_share * 100, "%")
+                + (" (%.0f %% of the film)" % (run.download_sent * 100) if run.download_sent is not None else ""),
                 ("; timeline " + ", ".join("%s %.3f" % kv for kv in sorted(run.timeline.items(), key=lambda kv: kv[1])))
                 if run.timeline else ""), flush=True)
 

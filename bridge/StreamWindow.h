@@ -34,18 +34,21 @@ struct WindowPiece
 // The stream's rate when nothing better is known: a high-definition film's 8 Mbit/s. Sizing the
 // window for more than the real rate costs only a longer window.
 inline constexpr int64_t AssumedRate = 1'000'000;
-// Seconds of film carrying deadlines ahead of the read position, and seconds of film raised
-// above the rest of the file beyond them.
-inline constexpr int DeadlineSeconds = 4;
+// Seconds of film carrying deadlines from the read position on, the seconds after them that come
+// next, and the seconds raised above the rest of the file beyond those.
+inline constexpr int DeadlineSeconds = 1;
+inline constexpr int NextSeconds = 4;
 inline constexpr int WindowSeconds = 40;
 // The file's last piece, where containers keep their index, comes right after the first pieces.
 inline constexpr int TailPriority = 6;
 
 // The pieces to raise for a read at `start`, in play order, leaving out those `have` says are
-// there. The piece under the read position comes first at the top priority and a deadline of 0;
-// the pieces after it within DeadlineSeconds of film get deadlines spaced by the time the player
-// takes to reach them, and the rest of the window gets priorities falling with distance, so the
-// picker fetches in play order rather than all at once.
+// there. The piece under the read position comes first, at the top priority and a deadline of 0,
+// with the pieces of its DeadlineSeconds of film at deadlines spaced by the time the player takes
+// to reach them. A deadline lifts a piece to the top priority, and the picker serves pieces of
+// one priority side by side, so only this short stretch carries deadlines: the next seconds get
+// the priority below and the rest of the window the one below that, and the picker fetches in
+// play order rather than all at once.
 std::vector<WindowPiece> plan_window(const StreamShape &shape, int start, const std::function<bool(int)> &have);
 
 // How a reader moves from the window it laid to a new one.
@@ -59,12 +62,14 @@ struct WindowChange
     std::vector<WindowPiece> raised;
 };
 
-// How many pieces carry deadlines for this shape, the first included.
+// How many pieces carry deadlines for this shape, the first included, and how many the whole
+// window holds.
 int deadline_pieces(const StreamShape &shape);
+int window_pieces(const StreamShape &shape);
 
 // `laid` holds the pieces raised by the last window, laid at `old_start` (-1: none yet). Playing
-// on moves the start forward within the deadline stretch, which keeps the deadlines; any other
-// move is a jump.
+// on, or a seek forward into the old window, keeps the requests under way, which are all for
+// pieces still wanted; a move back or past the old window is a jump.
 WindowChange change_window(const StreamShape &shape, const std::set<int> &laid, int old_start,
                            const std::vector<WindowPiece> &plan, int start);
 

@@ -188,8 +188,14 @@ void tb_reader::release()
     const auto it = session->stream_windows.find({id, file_index});
     if (it == session->stream_windows.end() || it->second.owner != this)
         return;
-    const tb_session::StreamWindowState state = std::move(it->second);
-    session->stream_windows.erase(it);
+    // The position stays: a player that closes and opens the file again at the same place, as
+    // players do while they probe a file, must not look like a jump that drops the requests
+    // under way.
+    const tb_session::StreamWindowState state = it->second;
+    it->second.owner = nullptr;
+    it->second.raised.clear();
+    it->second.laid_at = 0;
+    it->second.tail_asked = false;
     if (!handle.is_valid())
         return;
     const lt::download_priority_t file_priority = handle.file_priority(lt::file_index_t(file_index));
@@ -483,9 +489,11 @@ tb_reader *tb_reader_open(tb_session *s, const char *id, int file)
         // The window is laid by the first read or seek, not here: an answer to a range request
         // opens and seeks at once, and a window at the start of the file would first draw
         // requests away from the position it asked for.
-        if (reader_log_enabled())
+        if (reader_log_enabled()) {
             std::fprintf(stderr, "reader open %s file=%d size=%lld path=%s\n", key.c_str(), file,
                          static_cast<long long>(r->size), r->path.c_str());
+            tb::trace_line("reader_open", "file=" + std::to_string(file));
+        }
         {
             std::lock_guard<std::mutex> guard(s->readers_lock);
             s->readers.insert(r.get());

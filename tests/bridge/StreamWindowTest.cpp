@@ -48,23 +48,23 @@ TEST(StreamWindowTest, WindowCoversSecondsOfFilmInPlayOrder)
         int withDeadline; // how many of them carry one
     };
     const Case cases[] = {
-        // 4 s of film are 2 pieces with deadlines, 40 s beyond them are 20 more.
-        {"start of the film", Film, 0, {}, range(0, 21), 2},
-        {"middle of the film", Film, 50, {}, range(50, 71), 2},
-        {"cut at the file's last piece", Film, 90, {}, range(90, 99), 2},
+        // 1 s of film with deadlines is one piece, 4 s next are 2 more, 40 s beyond are 20.
+        {"start of the film", Film, 0, {}, range(0, 22), 1},
+        {"middle of the film", Film, 50, {}, range(50, 72), 1},
+        {"cut at the file's last piece", Film, 90, {}, range(90, 99), 1},
         {"pieces already there are left out", Film, 0, {0, 2, 3}, [] {
              std::vector<int> v{1};
-             for (int k = 4; k <= 21; ++k)
+             for (int k = 4; k <= 22; ++k)
                  v.push_back(k);
              return v;
-         }(), 1},
-        // Unknown rate: an 8 Mbit/s film is assumed, 4 pieces with deadlines and 39 beyond.
-        {"unknown rate", {0, 199, MiB, 0}, 0, {}, range(0, 42), 4},
-        // Huge pieces still leave the next one ready behind the current one.
-        {"32 MiB pieces", {0, 99, 32 * MiB, 1'000'000}, 0, {}, range(0, 3), 2},
+         }(), 0},
+        // Unknown rate: an 8 Mbit/s film is assumed, 1 + 4 + 39 pieces.
+        {"unknown rate", {0, 199, MiB, 0}, 0, {}, range(0, 43), 1},
+        // Huge pieces still leave the next ones queued behind the current one.
+        {"32 MiB pieces", {0, 99, 32 * MiB, 1'000'000}, 0, {}, range(0, 3), 1},
         // Small pieces: the deadlines stop at 32 pieces, the priorities reach on.
-        {"16 KiB pieces", {0, 9999, 16 * 1024, 1'000'000}, 0, {}, range(0, 32 + 2441), 32},
-        {"a file that starts inside the torrent", {10, 40, MiB, 500'000}, 10, {}, range(10, 31), 2},
+        {"16 KiB pieces", {0, 9999, 16 * 1024, 1'000'000}, 0, {}, range(0, 32 + 245 + 2442 - 1), 32},
+        {"a file that starts inside the torrent", {10, 40, MiB, 500'000}, 10, {}, range(10, 32), 1},
         {"a position outside the file", Film, 100, {}, {}, 0},
     };
     for (const Case &c : cases) {
@@ -79,19 +79,24 @@ TEST(StreamWindowTest, WindowCoversSecondsOfFilmInPlayOrder)
 
 TEST(StreamWindowTest, ThePlayPositionComesFirstAndTheRestFollowsByDistance)
 {
-    const auto plan = tb::plan_window(Film, 10, [](int) { return false; });
+    const auto none = [](int) { return false; };
+    const auto plan = tb::plan_window(Film, 10, none);
     ASSERT_GE(plan.size(), 4u);
-    // Only the piece under the position is at the top and due at once; the next one is due
-    // when the player reaches it; the rest carry no deadline and a lower priority, so the
-    // picker does not interleave them with the piece the player waits for.
+    // Only the piece under the position is at the top and due at once; the next seconds come
+    // next and the rest after them, so the picker does not interleave them with the piece the
+    // player waits for.
     EXPECT_EQ(plan[0], (WindowPiece{10, 0, 7}));
-    EXPECT_EQ(plan[1], (WindowPiece{11, 2097, 6}));
-    EXPECT_EQ(plan[2], (WindowPiece{12, -1, 5}));
-    EXPECT_EQ(plan.back(), (WindowPiece{31, -1, 5}));
+    EXPECT_EQ(plan[1], (WindowPiece{11, -1, 6}));
+    EXPECT_EQ(plan[2], (WindowPiece{12, -1, 6}));
+    EXPECT_EQ(plan[3], (WindowPiece{13, -1, 5}));
+    EXPECT_EQ(plan.back(), (WindowPiece{32, -1, 5}));
 
-    const StreamShape slow{0, 99, MiB, 100'000}; // 10.5 s a piece: deadlines stay in whole seconds
-    const auto slowPlan = tb::plan_window(slow, 0, [](int) { return false; });
-    EXPECT_EQ(slowPlan[1].deadline_ms, 10485);
+    // Small pieces: a second of film is 8 of them, due as the player reaches each.
+    const StreamShape small{0, 999, 64 * 1024, 500'000};
+    const auto smallPlan = tb::plan_window(small, 0, none);
+    EXPECT_EQ(smallPlan[1], (WindowPiece{1, 131, 7}));
+    EXPECT_EQ(smallPlan[7], (WindowPiece{7, 917, 7}));
+    EXPECT_EQ(smallPlan[8], (WindowPiece{8, -1, 6}));
 }
 
 TEST(StreamWindowTest, AJumpClearsTheOldDeadlinesAndPlayingOnKeepsThem)
@@ -113,9 +118,10 @@ TEST(StreamWindowTest, AJumpClearsTheOldDeadlinesAndPlayingOnKeepsThem)
         {"the first window of a stream", -1, 0, true, {}},
         {"the same position again", 0, 0, false, {}},
         {"playing on into the next piece", 0, 1, false, {0}},
-        {"a seek past the deadline stretch", 0, 50, true, range(0, 21)},
-        {"a seek back from further on", 5, 0, true, {}},
-        {"a seek just behind the window", 0, 20, true, range(0, 19)},
+        {"a seek forward inside the window", 0, 10, false, range(0, 9)},
+        {"a seek past the window", 0, 50, true, range(0, 22)},
+        {"a seek just past the window", 0, 23, true, range(0, 22)},
+        {"a seek back", 5, 0, true, {}},
     };
     for (const Case &c : cases) {
         const auto plan = tb::plan_window(Film, c.start, none);
