@@ -7,13 +7,12 @@ namespace tb {
 namespace {
 
 constexpr int TopPriority = 7;
-// The deadline pieces after the first, then the rest of the window: each band is fetched only
+// The next seconds after the top, then the rest of the window: each band is fetched only
 // once the band above it is all requested, which keeps the download in play order.
 constexpr int NextPriority = 6;
 constexpr int AheadPriority = 5;
-constexpr int MinDeadlinePieces = 1;
-// Deadlines on many small pieces cost one library call each for little gain.
-constexpr int MaxDeadlinePieces = 32;
+constexpr int MinTopPieces = 1;
+constexpr int MaxTopPieces = 32;
 constexpr int MinWindowPieces = 4;
 
 int64_t rate_of(const StreamShape &shape)
@@ -29,16 +28,15 @@ int64_t pieces_for(int64_t seconds, const StreamShape &shape)
 
 } // namespace
 
-int deadline_pieces(const StreamShape &shape)
+int top_pieces(const StreamShape &shape)
 {
-    return static_cast<int>(std::clamp<int64_t>(pieces_for(DeadlineSeconds, shape), MinDeadlinePieces,
-                                                MaxDeadlinePieces));
+    return static_cast<int>(std::clamp<int64_t>(pieces_for(TopSeconds, shape), MinTopPieces, MaxTopPieces));
 }
 
 int window_pieces(const StreamShape &shape)
 {
     return static_cast<int>(std::max<int64_t>(
-        deadline_pieces(shape) + pieces_for(NextSeconds, shape) + pieces_for(WindowSeconds, shape), MinWindowPieces));
+        top_pieces(shape) + pieces_for(NextSeconds, shape) + pieces_for(WindowSeconds, shape), MinWindowPieces));
 }
 
 std::vector<WindowPiece> plan_window(const StreamShape &shape, int start, const std::function<bool(int)> &have)
@@ -46,23 +44,14 @@ std::vector<WindowPiece> plan_window(const StreamShape &shape, int start, const 
     std::vector<WindowPiece> plan;
     if (start < shape.first_piece || start > shape.last_piece)
         return plan;
-    const int with_deadline = deadline_pieces(shape);
-    const int64_t next = with_deadline + pieces_for(NextSeconds, shape);
+    const int top = top_pieces(shape);
+    const int64_t next = top + pieces_for(NextSeconds, shape);
     const int end = static_cast<int>(std::min<int64_t>(int64_t(start) + window_pieces(shape) - 1, shape.last_piece));
-    // The time the player takes to play through one piece.
-    const int64_t piece_ms = int64_t(std::max(shape.piece_length, 1)) * 1000 / rate_of(shape);
     for (int piece = start; piece <= end; ++piece) {
         if (have(piece))
             continue;
         const int distance = piece - start;
-        WindowPiece wanted{piece, -1, AheadPriority};
-        if (distance < with_deadline) {
-            wanted.deadline_ms = static_cast<int>(std::min<int64_t>(distance * piece_ms, 3'600'000));
-            wanted.priority = TopPriority;
-        } else if (distance < next) {
-            wanted.priority = NextPriority;
-        }
-        plan.push_back(wanted);
+        plan.push_back({piece, distance < top ? TopPriority : distance < next ? NextPriority : AheadPriority});
     }
     return plan;
 }
@@ -71,7 +60,7 @@ WindowChange change_window(const StreamShape &shape, const std::set<int> &laid, 
                            const std::vector<WindowPiece> &plan, int start)
 {
     WindowChange change;
-    change.clear_deadlines = old_start < 0 || start < old_start || start >= old_start + window_pieces(shape);
+    change.jump = old_start < 0 || start < old_start || start >= old_start + window_pieces(shape);
     std::set<int> wanted;
     for (const WindowPiece &piece : plan)
         wanted.insert(piece.piece);

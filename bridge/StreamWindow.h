@@ -1,7 +1,7 @@
 #pragma once
 
 // What a stream asks of the swarm for its read position, as plain numbers: which pieces, in
-// which order, by when and at which priority. The reader turns these into library calls; the
+// which order and at which priority. The reader turns these into library calls; the
 // rules themselves stay free of libtorrent so they can be checked as tables.
 
 #include <cstdint>
@@ -24,8 +24,6 @@ struct StreamShape
 struct WindowPiece
 {
     int piece = 0;
-    // Milliseconds from now by which the piece must be there; -1 for none.
-    int deadline_ms = -1;
     int priority = 0;
 
     bool operator==(const WindowPiece &) const = default;
@@ -34,37 +32,35 @@ struct WindowPiece
 // The stream's rate when nothing better is known: a high-definition film's 8 Mbit/s. Sizing the
 // window for more than the real rate costs only a longer window.
 inline constexpr int64_t AssumedRate = 1'000'000;
-// Seconds of film carrying deadlines from the read position on, the seconds after them that come
-// next, and the seconds raised above the rest of the file beyond those.
-inline constexpr int DeadlineSeconds = 1;
+// Seconds of film at the top priority from the read position on, the seconds after them that
+// come next, and the seconds raised above the rest of the file beyond those.
+inline constexpr int TopSeconds = 1;
 inline constexpr int NextSeconds = 4;
 inline constexpr int WindowSeconds = 40;
 // The file's last piece, where containers keep their index, comes right after the first pieces.
 inline constexpr int TailPriority = 6;
 
 // The pieces to raise for a read at `start`, in play order, leaving out those `have` says are
-// there. The piece under the read position comes first, at the top priority and a deadline of 0,
-// with the pieces of its DeadlineSeconds of film at deadlines spaced by the time the player takes
-// to reach them. A deadline lifts a piece to the top priority, and the picker serves pieces of
-// one priority side by side, so only this short stretch carries deadlines: the next seconds get
-// the priority below and the rest of the window the one below that, and the picker fetches in
-// play order rather than all at once.
+// there. The picker serves the pieces of one priority side by side, so only the piece under the
+// read position (with the rest of its TopSeconds of film, for small pieces) is at the top: the
+// next seconds get the priority below and the rest of the window the one below that, and the
+// picker fetches in play order rather than all at once.
 std::vector<WindowPiece> plan_window(const StreamShape &shape, int start, const std::function<bool(int)> &have);
 
 // How a reader moves from the window it laid to a new one.
 struct WindowChange
 {
-    // The position jumped (a seek, a new request, a new reader taking over): every deadline the
-    // torrent holds goes at once, which also drops requests queued for the old position.
-    bool clear_deadlines = false;
-    // Pieces given back to the file's priority, their deadlines reset.
+    // The position jumped (a seek back or past the old window, or the first window of a stream):
+    // the requests queued for the old position are to be dropped at once.
+    bool jump = false;
+    // Pieces given back to the file's priority.
     std::vector<int> lowered;
     std::vector<WindowPiece> raised;
 };
 
-// How many pieces carry deadlines for this shape, the first included, and how many the whole
-// window holds.
-int deadline_pieces(const StreamShape &shape);
+// How many pieces are at the top priority for this shape, the first included, and how many the
+// whole window holds.
+int top_pieces(const StreamShape &shape);
 int window_pieces(const StreamShape &shape);
 
 // `laid` holds the pieces raised by the last window, laid at `old_start` (-1: none yet). Playing

@@ -1,6 +1,6 @@
 // The stream reader: one file of a torrent as a blocking, seekable byte stream for libmpv.
 //
-// A read maps its position to one piece, keeps a window of piece deadlines ahead of it, waits
+// A read maps its position to one piece, keeps a window of raised priorities ahead of it, waits
 // until the piece has passed its hash check, fetches it with read_piece into the session's piece
 // cache and copies out of the delivered buffer. Reads are short on purpose: one never crosses a
 // piece, and the caller loops.
@@ -30,8 +30,8 @@ using namespace std::chrono_literals;
 
 // status(query_pieces) is expensive: the same window is not laid again sooner than this.
 constexpr int64_t WindowThrottleNs = 2'000'000'000;
-// Peers come and go and libtorrent drops deadlines on the way, so a waiting read lays its
-// window again this often.
+// A waiting read lays its window again this often: a piece that failed its check is wanted
+// again, and the player may have told the film's rate since.
 constexpr int64_t RefreshNs = 1'000'000'000;
 constexpr int64_t CacheLimitBytes = 0x4000000;
 // A piece a read took within this time stays in the cache: it may be in use right now.
@@ -148,21 +148,25 @@ void tb_reader::prioritize(int start, bool force, bool take_over)
 
     const lt::download_priority_t file_priority = handle.file_priority(lt::file_index_t(file_index));
     PriorityList changes;
-    // Requests queued for the old position are dropped only when the torrent's deadlines go
-    // from none to some, so a jump clears them all before the new ones are set.
-    if (change.clear_deadlines)
+    // The window is steered by priorities alone. A piece with a deadline leaves the picker's
+    // hands: its blocks are asked for only on the torrent's once-a-second tick, so the piece the
+    // player waits for waited up to a second for its first request. Deadlines serve one thing
+    // here: the library drops the requests queued for other pieces when the torrent's deadlines
+    // go from none to some, so a jump clears them, sets one at the new position and takes it
+    // back at once.
+    if (change.jump) {
         handle.clear_piece_deadlines();
+        if (!have(start)) {
+            handle.set_piece_deadline(lt::piece_index_t(start), 0);
+            handle.reset_piece_deadline(lt::piece_index_t(start));
+        }
+    }
     for (const int piece : change.lowered) {
-        if (have(piece))
-            continue;
-        if (!change.clear_deadlines)
-            handle.reset_piece_deadline(lt::piece_index_t(piece));
-        changes.emplace_back(lt::piece_index_t(piece), file_priority);
+        if (!have(piece))
+            changes.emplace_back(lt::piece_index_t(piece), file_priority);
     }
     std::set<int> raised;
     for (const tb::WindowPiece &wanted : plan) {
-        if (wanted.deadline_ms >= 0)
-            handle.set_piece_deadline(lt::piece_index_t(wanted.piece), wanted.deadline_ms);
         changes.emplace_back(lt::piece_index_t(wanted.piece),
                              std::max(lt::download_priority_t(static_cast<std::uint8_t>(wanted.priority)), file_priority));
         raised.insert(wanted.piece);

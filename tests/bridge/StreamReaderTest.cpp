@@ -214,7 +214,8 @@ TEST(StreamReaderTest, TheLatestPositionSteersTheWindowAndAnAbandonedReaderGives
     LiveBridge bridge(dir.file("state"));
     const std::string id = bridge.add(made.torrentPath, dir.file("down"));
     ASSERT_FALSE(id.empty());
-    // A quarter of a piece a second: 2 pieces carry deadlines and 10 more are raised.
+    // A quarter of a piece a second: the piece at the position is at the top, the next one comes
+    // next and 10 more are raised.
     tb_stream_rate(bridge.get(), id.c_str(), 0, Piece / 4);
 
     const auto priorities = [&] { return bridgetest::take(tb_piece_priorities(bridge.get(), id.c_str())); };

@@ -1,4 +1,4 @@
-// The rules that turn a stream's read position into piece deadlines and priorities.
+// The rules that turn a stream's read position into piece priorities.
 
 #include "bridge/StreamWindow.h"
 
@@ -45,10 +45,10 @@ TEST(StreamWindowTest, WindowCoversSecondsOfFilmInPlayOrder)
         int start;
         std::set<int> had;
         std::vector<int> pieces;
-        int withDeadline; // how many of them carry one
+        int atTop; // how many of them are at the top priority
     };
     const Case cases[] = {
-        // 1 s of film with deadlines is one piece, 4 s next are 2 more, 40 s beyond are 20.
+        // 1 s of film at the top is one piece, 4 s next are 2 more, 40 s beyond are 20.
         {"start of the film", Film, 0, {}, range(0, 22), 1},
         {"middle of the film", Film, 50, {}, range(50, 72), 1},
         {"cut at the file's last piece", Film, 90, {}, range(90, 99), 1},
@@ -62,7 +62,7 @@ TEST(StreamWindowTest, WindowCoversSecondsOfFilmInPlayOrder)
         {"unknown rate", {0, 199, MiB, 0}, 0, {}, range(0, 43), 1},
         // Huge pieces still leave the next ones queued behind the current one.
         {"32 MiB pieces", {0, 99, 32 * MiB, 1'000'000}, 0, {}, range(0, 3), 1},
-        // Small pieces: the deadlines stop at 32 pieces, the priorities reach on.
+        // Small pieces: the top stops at 32 pieces, the lower bands reach on.
         {"16 KiB pieces", {0, 9999, 16 * 1024, 1'000'000}, 0, {}, range(0, 32 + 245 + 2442 - 1), 32},
         {"a file that starts inside the torrent", {10, 40, MiB, 500'000}, 10, {}, range(10, 32), 1},
         {"a position outside the file", Film, 100, {}, {}, 0},
@@ -70,10 +70,10 @@ TEST(StreamWindowTest, WindowCoversSecondsOfFilmInPlayOrder)
     for (const Case &c : cases) {
         const auto plan = tb::plan_window(c.shape, c.start, [&](int piece) { return c.had.count(piece) > 0; });
         EXPECT_EQ(piecesOf(plan), c.pieces) << c.what;
-        int withDeadline = 0;
+        int atTop = 0;
         for (const WindowPiece &p : plan)
-            withDeadline += p.deadline_ms >= 0 ? 1 : 0;
-        EXPECT_EQ(withDeadline, c.withDeadline) << c.what;
+            atTop += p.priority == 7 ? 1 : 0;
+        EXPECT_EQ(atTop, c.atTop) << c.what;
     }
 }
 
@@ -82,24 +82,22 @@ TEST(StreamWindowTest, ThePlayPositionComesFirstAndTheRestFollowsByDistance)
     const auto none = [](int) { return false; };
     const auto plan = tb::plan_window(Film, 10, none);
     ASSERT_GE(plan.size(), 4u);
-    // Only the piece under the position is at the top and due at once; the next seconds come
-    // next and the rest after them, so the picker does not interleave them with the piece the
-    // player waits for.
-    EXPECT_EQ(plan[0], (WindowPiece{10, 0, 7}));
-    EXPECT_EQ(plan[1], (WindowPiece{11, -1, 6}));
-    EXPECT_EQ(plan[2], (WindowPiece{12, -1, 6}));
-    EXPECT_EQ(plan[3], (WindowPiece{13, -1, 5}));
-    EXPECT_EQ(plan.back(), (WindowPiece{32, -1, 5}));
+    // Only the piece under the position is at the top; the next seconds come next and the rest
+    // after them, so the picker does not interleave them with the piece the player waits for.
+    EXPECT_EQ(plan[0], (WindowPiece{10, 7}));
+    EXPECT_EQ(plan[1], (WindowPiece{11, 6}));
+    EXPECT_EQ(plan[2], (WindowPiece{12, 6}));
+    EXPECT_EQ(plan[3], (WindowPiece{13, 5}));
+    EXPECT_EQ(plan.back(), (WindowPiece{32, 5}));
 
-    // Small pieces: a second of film is 8 of them, due as the player reaches each.
+    // Small pieces: the top holds a second of film, 8 of them.
     const StreamShape small{0, 999, 64 * 1024, 500'000};
     const auto smallPlan = tb::plan_window(small, 0, none);
-    EXPECT_EQ(smallPlan[1], (WindowPiece{1, 131, 7}));
-    EXPECT_EQ(smallPlan[7], (WindowPiece{7, 917, 7}));
-    EXPECT_EQ(smallPlan[8], (WindowPiece{8, -1, 6}));
+    EXPECT_EQ(smallPlan[7], (WindowPiece{7, 7}));
+    EXPECT_EQ(smallPlan[8], (WindowPiece{8, 6}));
 }
 
-TEST(StreamWindowTest, AJumpClearsTheOldDeadlinesAndPlayingOnKeepsThem)
+TEST(StreamWindowTest, AJumpDropsTheOldRequestsAndPlayingOnKeepsThem)
 {
     const auto none = [](int) { return false; };
     const auto at0 = tb::plan_window(Film, 0, none);
@@ -111,7 +109,7 @@ TEST(StreamWindowTest, AJumpClearsTheOldDeadlinesAndPlayingOnKeepsThem)
         const char *what;
         int oldStart;
         int start;
-        bool clears;
+        bool jumps;
         std::vector<int> lowered;
     };
     const Case cases[] = {
@@ -126,10 +124,10 @@ TEST(StreamWindowTest, AJumpClearsTheOldDeadlinesAndPlayingOnKeepsThem)
     for (const Case &c : cases) {
         const auto plan = tb::plan_window(Film, c.start, none);
         const tb::WindowChange change = tb::change_window(Film, laid, c.oldStart, plan, c.start);
-        EXPECT_EQ(change.clear_deadlines, c.clears) << c.what;
+        EXPECT_EQ(change.jump, c.jumps) << c.what;
         EXPECT_EQ(change.lowered, c.lowered) << c.what;
         ASSERT_FALSE(change.raised.empty()) << c.what;
         // Whatever happened before, the new position is first in what is raised.
-        EXPECT_EQ(change.raised.front(), (WindowPiece{c.start, 0, 7})) << c.what;
+        EXPECT_EQ(change.raised.front(), (WindowPiece{c.start, 7})) << c.what;
     }
 }
