@@ -559,6 +559,14 @@ QString AppSettings::libtorrentSettings() const
     // the play position first, and trades soon enough once it plays.
     setNumber("tick_interval", 100);
     setNumber("initial_picker_threshold", 0);
+    // Blocks asked of a peer are sent in order: a seek's first block waits behind everything
+    // already asked of it, and a seeder that has read those blocks sends them even after a
+    // cancel. Where the profile does not ask for deep queues for slow, far peers, a second of a
+    // peer's rate and 32 blocks keep that wait short.
+    if (profile == NetworkProfile::Standard) {
+        setNumber("request_queue_time", 1);
+        setNumber("max_out_request_queue", 32);
+    }
 
     for (const EncryptionRow &row : EncryptionRows) {
         if (row.mode != encryption)

@@ -270,7 +270,7 @@ TEST(AppSettingsTest, EachProfileGivesItsWholeSettingsText)
         {Standard,
          {"connection_speed=30", "peer_connect_timeout=15", "request_timeout=60",
           "peer_timeout=120", "tracker_completion_timeout=30", "tracker_receive_timeout=10",
-          "max_out_request_queue=500", "send_buffer_watermark=1048576",
+          "max_out_request_queue=32", "request_queue_time=1", "send_buffer_watermark=1048576",
           "dht_bootstrap_nodes=" + routers}},
         {Russia,
          {"connection_speed=50", "peer_connect_timeout=20", "request_timeout=45",
