@@ -17,8 +17,6 @@ class QTimer;
 // Made only on request (VELIX_HEARTBEAT_LOG=1): the timer itself costs a wake-up a millisecond.
 class Heartbeat : public QObject
 {
-    Q_OBJECT
-
 public:
     explicit Heartbeat(QObject *parent = nullptr);
     static bool requested();
