@@ -362,12 +362,6 @@ void PlayerModel::pausePlayback()
         m_core->set(QStringLiteral("pause"), QStringLiteral("yes"));
 }
 
-void PlayerModel::setPlaybackSpeed(double speed)
-{
-    if (m_core)
-        m_core->set(QStringLiteral("speed"), QString::number(speed));
-}
-
 QCoro::Task<QMap<QString, QString>> PlayerModel::diagnostics()
 {
     MPVCore *mpv = m_core ? m_core->mpvCore() : nullptr;

@@ -114,7 +114,6 @@ public:
     // Plays on; at the end of the file, from its start again.
     Q_INVOKABLE void resumePlayback();
     Q_INVOKABLE void pausePlayback();
-    Q_INVOKABLE void setPlaybackSpeed(double speed);
     // libmpv's own figures (decoder, cache, dropped frames); none without a running core.
     QCoro::Task<QMap<QString, QString>> diagnostics();
     Q_INVOKABLE void seek(double seconds);

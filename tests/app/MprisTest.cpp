@@ -1,8 +1,8 @@
 // The desktop's media controls: how the player's state reads as MPRIS properties, and the
 // service on a private session bus driven by playerctl, as a desktop's media keys would.
 
-#include "tests/app/PrivateBus.h"
-#include "tests/playback/RecordingCore.h"
+#include "PrivateBus.h"
+#include "../playback/RecordingCore.h"
 
 #include "app/MprisService.h"
 #include "app/MprisState.h"
@@ -139,7 +139,7 @@ protected:
     {
         PlayerModel::Hooks hooks;
         hooks.makeCore = [this]() -> std::unique_ptr<PlayerCore> { return std::make_unique<RecordingCore>(log); };
-        hooks.streamProgress = [](const QString &, int) { return -1.0; };
+        hooks.streamProgress = [](QString, int) -> QCoro::Task<double> { co_return -1.0; };
         hooks.prefetch = [](const QString &, int, qint64, double) {};
         player = std::make_unique<PlayerModel>(engine.get(), hooks);
     }
@@ -151,11 +151,11 @@ protected:
         for (const char *path : {"Show/Show.S01E01.mkv", "Show/Show.S01E02.mkv"})
             writePatternFile(root + "/" + path, 40 * 1024);
         const MadeTorrent made = makeTorrent(root, "Show", home.file("torrents"));
-        const auto added = engine->addTorrent(QString::fromStdString(made.torrentPath), QString::fromStdString(root),
-                                              std::nullopt, false, false);
-        if (!std::holds_alternative<AddResult>(added))
+        const auto added = resultOf(engine->addTorrent(QString::fromStdString(made.torrentPath),
+                                                       QString::fromStdString(root), std::nullopt, false, false));
+        if (!added || !std::holds_alternative<AddResult>(*added))
             return {};
-        const QString id = std::get<AddResult>(added).id;
+        const QString id = std::get<AddResult>(*added).id;
         // Padding files of the torrent are no part of the series.
         for (const TorrentFile &f : resultOf(engine->files(id)).value_or(QList<TorrentFile>())) {
             if (!f.pad)

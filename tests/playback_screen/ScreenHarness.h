@@ -134,9 +134,9 @@ protected:
 
     QString addTorrent()
     {
-        const AddOutcome outcome = engine->addTorrent(QString::fromStdString(made.torrentPath), downloads.qpath(),
-                                                      std::nullopt, false, false);
-        const auto *added = std::get_if<AddResult>(&outcome);
+        const std::optional<AddOutcome> outcome = await(engine->addTorrent(
+            QString::fromStdString(made.torrentPath), downloads.qpath(), std::nullopt, false, false));
+        const auto *added = outcome ? std::get_if<AddResult>(&*outcome) : nullptr;
         if (!added)
             return {};
         seeder->offer(made, enginePort);

@@ -2,7 +2,7 @@
 // window, answers media controls on the session bus, keeps running with its windows closed,
 // and a second launch hands over and brings the main window forward.
 
-#include "tests/app/PrivateBus.h"
+#include "../PrivateBus.h"
 
 #include "support/LocalSwarm.h"
 #include "support/TestSupport.h"

@@ -3,7 +3,7 @@
 // program that keeps running with every window closed. Screenshots land in the build tree's
 // tests/screenshots for a person to look at.
 
-#include "tests/playback/RecordingCore.h"
+#include "../../playback/RecordingCore.h"
 
 #include "app/AppActions.h"
 #include "app/AppCommands.h"
@@ -96,7 +96,8 @@ protected:
         , player(engine.get(), PlayerModel::Hooks{[this]() -> std::unique_ptr<PlayerCore> {
                                                      return std::make_unique<RecordingCore>(log);
                                                  },
-                                                 [](const QString &, int) { return -1.0; },
+                                                 [](QString, int) -> QCoro::Task<double> { co_return -1.0; },
+                                                 [](const QString &, int) { return false; },
                                                  [](const QString &, int, qint64, double) {}})
     {
         AppFrame::Options options;

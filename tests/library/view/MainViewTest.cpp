@@ -7,6 +7,7 @@
 #include "engine/TorrentEngine.h"
 #include "library/TorrentDisplay.h"
 #include "support/LocalSwarm.h"
+#include "support/TaskResult.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -187,16 +188,16 @@ protected:
     // A torrent whose data is already in place: it checks and then seeds.
     QString addSeeding(const MadeTorrent &t)
     {
-        const auto outcome = engine->addTorrent(QString::fromStdString(t.torrentPath),
-                                                QString::fromStdString(source.path()), std::nullopt, false, false);
-        return std::get<AddResult>(outcome).id;
+        const auto outcome = resultOf(engine->addTorrent(QString::fromStdString(t.torrentPath),
+                                                         QString::fromStdString(source.path()), std::nullopt, false, false));
+        return outcome ? std::get<AddResult>(*outcome).id : QString();
     }
 
     QString addTo(const MadeTorrent &t, const std::string &savePath)
     {
-        const auto outcome = engine->addTorrent(QString::fromStdString(t.torrentPath), QString::fromStdString(savePath),
-                                                std::nullopt, false, false);
-        return std::get<AddResult>(outcome).id;
+        const auto outcome = resultOf(engine->addTorrent(QString::fromStdString(t.torrentPath),
+                                                         QString::fromStdString(savePath), std::nullopt, false, false));
+        return outcome ? std::get<AddResult>(*outcome).id : QString();
     }
 
     bool waitForStatus(const QString &id, const std::function<bool(const TorrentStatus &)> &pred)
