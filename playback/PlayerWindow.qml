@@ -58,6 +58,7 @@ Window {
                 Accessible.name: playerScreen.errorSymbol
             }
             Rectangle {
+                id: spinner
                 objectName: "spinner"
                 anchors.horizontalCenter: parent.horizontalCenter
                 visible: playerScreen.overlay === "status"
@@ -80,7 +81,7 @@ Window {
                     to: 360
                     duration: 1000
                     loops: Animation.Infinite
-                    running: parent.visible
+                    running: spinner.visible
                 }
             }
             Label {
