@@ -435,33 +435,6 @@ void tb_session::trim_piece_cache()
     log_size();
 }
 
-bool tb::end_readers(tb_session *s, std::chrono::milliseconds wait)
-{
-    {
-        std::lock_guard<std::mutex> guard(s->readers_lock);
-        if (s->readers.empty())
-            return true;
-        for (tb_reader *r : s->readers)
-            r->cancelled.store(true);
-    }
-    {
-        // Taken and left so that a read between its check and its wait sees the flag.
-        std::lock_guard<std::mutex> guard(s->piece_reads_lock);
-    }
-    s->piece_reads_changed.notify_all();
-    const auto limit = std::chrono::steady_clock::now() + wait;
-    for (;;) {
-        {
-            std::lock_guard<std::mutex> guard(s->readers_lock);
-            if (s->readers.empty())
-                return true;
-        }
-        if (std::chrono::steady_clock::now() >= limit)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-}
-
 extern "C" {
 
 tb_reader *tb_reader_open(tb_session *s, const char *id, int file)

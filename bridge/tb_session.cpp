@@ -785,14 +785,7 @@ void tb_session_destroy(tb_session *s)
     } catch (...) {
         std::fprintf(stderr, "session shutdown: the library did not close cleanly\n");
     }
-    // A player may still hold a stream of this session: its reader is cancelled, and the
-    // session's memory stays for as long as such a reader may still call in, since freeing it
-    // would pull the locks out from under that call.
     try {
-        if (!tb::end_readers(s, seconds(2))) {
-            std::fprintf(stderr, "session shutdown: a stream is still open; its session stays in memory\n");
-            return;
-        }
         delete s;
     } catch (...) {
     }

@@ -263,8 +263,5 @@ void trace_line(const char *what, const std::string &detail);
 // so a benchmark can time the checks without the poll's delay.
 bool check_log_enabled();
 void check_log(const char *what, const std::string &name);
-// Cancels every open reader and waits up to `wait` for their players to close them; false
-// when some stay open, whose later calls still need the session's locks.
-bool end_readers(tb_session *s, std::chrono::milliseconds wait);
 
 } // namespace tb
