@@ -1,20 +1,16 @@
 // The stream reader: one file of a torrent as a blocking, seekable byte stream for libmpv.
 //
-// A read maps its position to one piece, keeps a window of raised priorities ahead of it, waits
+// A read maps its position to one piece, keeps a window of piece deadlines ahead of it, waits
 // until the piece has passed its hash check, fetches it with read_piece into the session's piece
 // cache and copies out of the delivered buffer. Reads are short on purpose: one never crosses a
 // piece, and the caller loops.
 //
-// Locks: the session's `windows_lock`, `piece_reads_lock`, `readers_lock` and `mutex` are
+// Locks: the reader's `lock`, the session's `piece_reads_lock`, `readers_lock` and `mutex` are
 // never nested. read_piece is never called under piece_reads_lock, since the alert thread needs
 // that lock to deliver the piece, and prioritize() runs with no other lock held because it
 // calls into libtorrent synchronously.
 
 #include "bridge/tb_session.h"
-
-#include "bridge/BridgeText.h"
-#include "bridge/StreamWindow.h"
-#include "bridge/tb_stream.h"
 
 #include <libtorrent/torrent_info.hpp>
 #include <libtorrent/torrent_status.hpp>
@@ -28,11 +24,19 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// The window of deadlines covers this much of a file whatever the piece size, and never fewer
+// than MinWindowPieces pieces.
+constexpr int64_t WindowBytes = 0x4000000;
+constexpr int MinWindowPieces = 4;
+// Deadlines grow by this much per piece away from the read position.
+constexpr int DeadlineStepMs = 250;
+// Containers keep their index at the end; the tail is asked for ahead of the window.
+constexpr int TailDeadlineMs = 1000;
 // status(query_pieces) is expensive: the same window is not laid again sooner than this.
 constexpr int64_t WindowThrottleNs = 2'000'000'000;
-// A waiting read lays its window again this often: a piece that failed its check is wanted
-// again, and the player may have told the film's rate since.
-constexpr int64_t RefreshNs = 1'000'000'000;
+// Peers come and go and libtorrent drops deadlines on the way, so a waiting read lays its
+// window again this often.
+constexpr int64_t RefreshNs = 2'000'000'000;
 constexpr int64_t CacheLimitBytes = 0x4000000;
 // A piece a read took within this time stays in the cache: it may be in use right now.
 constexpr int64_t CacheKeepNs = 1'000'000'000;
@@ -85,21 +89,18 @@ struct tb_reader
     std::atomic<int64_t> position{0};
     std::atomic<bool> cancelled{false};
     std::atomic<int> waiting_piece{-1};
-    // The next read or seek takes over the file's window: a new reader is the player's latest
-    // word on where it reads. Touched by the reading thread only.
-    bool steer_next = true;
-    // For the timeline: the first bytes this reader handed out.
-    bool served = false;
+    // Guards the priority state below. Never held together with another lock.
+    std::mutex lock;
+    std::set<int> deadlined;
+    int last_window_start = -1;
+    int64_t last_window_at = 0;
 
     int piece_of(int64_t offset) const
     {
         return static_cast<int>((file_offset + offset) / std::max(piece_length, 1));
     }
 
-    // Lays the file's window for a read at `start`. `take_over` makes this reader the one that
-    // steers it; a reader that does not steer lays nothing.
-    void prioritize(int start, bool force, bool take_over);
-    // Gives back what this reader's window raised, if it still steers it.
+    void prioritize(int start, bool force);
     void release();
     int64_t read(char *out, int64_t length);
 
@@ -121,85 +122,46 @@ void tb_reader::pause_for(std::chrono::milliseconds slice)
         session->piece_reads_changed.wait_for(guard, slice);
 }
 
-void tb_reader::prioritize(int start, bool force, bool take_over)
+void tb_reader::prioritize(int start, bool force)
 {
-    std::lock_guard<std::mutex> guard(session->windows_lock);
-    const std::pair<std::string, int> key{id, file_index};
-    tb_session::StreamWindowState &state = session->stream_windows[key];
-    if (take_over && !cancelled.load())
-        state.owner = this;
-    else if (!state.owner)
-        state.owner = this;
-    if (state.owner != this)
-        return;
+    std::lock_guard<std::mutex> guard(lock);
     const int64_t now = now_ns();
-    if (!force && start == state.start && now - state.laid_at < WindowThrottleNs)
+    if (!force && start == last_window_start && now - last_window_at < WindowThrottleNs)
         return;
+    last_window_start = start;
+    last_window_at = now;
     if (!handle.is_valid())
         return;
 
-    const auto rate = session->stream_rates.find(key);
-    const tb::StreamShape shape{first_piece, last_piece, piece_length,
-                                rate == session->stream_rates.end() ? 0 : rate->second};
+    const int64_t count = std::max<int64_t>(WindowBytes / std::max(piece_length, 1), MinWindowPieces);
+    const int end = static_cast<int>(std::min<int64_t>(start + count - 1, last_piece));
     const lt::torrent_status status = handle.status(lt::torrent_handle::query_pieces);
-    const auto have = [&](int piece) { return has_piece(status.pieces, piece); };
-    const std::vector<tb::WindowPiece> plan = tb::plan_window(shape, start, have);
-    const tb::WindowChange change = tb::change_window(shape, state.raised, state.start, plan, start);
 
-    const lt::download_priority_t file_priority = handle.file_priority(lt::file_index_t(file_index));
+    std::set<int> window;
     PriorityList changes;
-    // The window is steered by priorities alone. A piece with a deadline leaves the picker's
-    // hands: its blocks are asked for only on the torrent's once-a-second tick, so the piece the
-    // player waits for waited up to a second for its first request. Deadlines serve one thing
-    // here: the library drops the requests queued for other pieces when the torrent's deadlines
-    // go from none to some, so a jump clears them, sets one at the new position and takes it
-    // back at once.
-    if (change.jump) {
-        handle.clear_piece_deadlines();
-        if (!have(start)) {
-            handle.set_piece_deadline(lt::piece_index_t(start), 0);
-            handle.reset_piece_deadline(lt::piece_index_t(start));
-        }
+    for (int piece = start; piece <= end; ++piece) {
+        if (has_piece(status.pieces, piece))
+            continue;
+        handle.set_piece_deadline(lt::piece_index_t(piece), (piece - start) * DeadlineStepMs);
+        window.insert(piece);
+        // The whole window asks at the top priority; the deadlines alone order it.
+        changes.emplace_back(lt::piece_index_t(piece), lt::top_priority);
     }
-    for (const int piece : change.lowered) {
-        if (!have(piece))
-            changes.emplace_back(lt::piece_index_t(piece), file_priority);
-    }
-    std::set<int> raised;
-    for (const tb::WindowPiece &wanted : plan) {
-        changes.emplace_back(lt::piece_index_t(wanted.piece),
-                             std::max(lt::download_priority_t(static_cast<std::uint8_t>(wanted.priority)), file_priority));
-        raised.insert(wanted.piece);
-    }
-    // Containers keep their index at the end, but a player reads it only when it first seeks:
-    // the tail follows the first pieces instead of competing with them for the first frame.
-    if (!state.tail_asked && size > 0) {
-        state.tail_asked = true;
-        if (!have(last_piece) && !raised.count(last_piece))
-            changes.emplace_back(lt::piece_index_t(last_piece),
-                                 std::max(lt::download_priority_t(tb::TailPriority), file_priority));
+    const lt::download_priority_t file_priority = handle.file_priority(lt::file_index_t(file_index));
+    for (const int piece : deadlined) {
+        if (window.count(piece) || has_piece(status.pieces, piece))
+            continue;
+        handle.reset_piece_deadline(lt::piece_index_t(piece));
+        changes.emplace_back(lt::piece_index_t(piece), file_priority);
     }
     if (!changes.empty())
         handle.prioritize_pieces(changes);
-    state.raised = std::move(raised);
-    state.start = start;
-    state.laid_at = now;
+    deadlined = std::move(window);
 }
 
 void tb_reader::release()
 {
-    std::lock_guard<std::mutex> guard(session->windows_lock);
-    const auto it = session->stream_windows.find({id, file_index});
-    if (it == session->stream_windows.end() || it->second.owner != this)
-        return;
-    // The position stays: a player that closes and opens the file again at the same place, as
-    // players do while they probe a file, must not look like a jump that drops the requests
-    // under way.
-    const tb_session::StreamWindowState state = it->second;
-    it->second.owner = nullptr;
-    it->second.raised.clear();
-    it->second.laid_at = 0;
-    it->second.tail_asked = false;
+    std::lock_guard<std::mutex> guard(lock);
     if (!handle.is_valid())
         return;
     const lt::download_priority_t file_priority = handle.file_priority(lt::file_index_t(file_index));
@@ -211,12 +173,14 @@ void tb_reader::release()
         handle.reset_piece_deadline(lt::piece_index_t(piece));
         changes.emplace_back(lt::piece_index_t(piece), file_priority);
     };
-    for (const int piece : state.raised)
+    for (const int piece : deadlined)
         give_back(piece);
-    if (state.tail_asked && size > 0 && !state.raised.count(last_piece))
+    // An empty file never asked for a tail.
+    if (size > 0 && !deadlined.count(last_piece))
         give_back(last_piece);
     if (!changes.empty())
         handle.prioritize_pieces(changes);
+    deadlined.clear();
 }
 
 int64_t tb_reader::read(char *out, int64_t length)
@@ -229,17 +193,11 @@ int64_t tb_reader::read(char *out, int64_t length)
     if (length < 1)
         return -1;
     const int piece = piece_of(offset);
-    prioritize(piece, false, steer_next);
-    steer_next = false;
+    prioritize(piece, false);
 
     const bool fresh = held_piece != piece;
-    if (fresh && !acquire(piece)) {
-        // A player that gives up on a read has abandoned this position: what the window holds
-        // goes back at once, not when the player gets round to closing.
-        if (cancelled.load())
-            release();
+    if (fresh && !acquire(piece))
         return -1;
-    }
 
     const int64_t inside = file_offset + offset - int64_t(held_piece) * piece_length;
     const int64_t n = std::min(size - offset, std::min<int64_t>(held_size - inside, length));
@@ -247,9 +205,6 @@ int64_t tb_reader::read(char *out, int64_t length)
         return -1;
     std::memcpy(out, held_buffer.get() + inside, static_cast<size_t>(n));
     position.store(offset + n);
-    if (!served && reader_log_enabled())
-        tb::trace_line("first_read", "piece=" + std::to_string(piece) + " offset=" + std::to_string(offset));
-    served = true;
 
     // Only when a piece is new: reads inside the held piece make no library call at all.
     if (fresh)
@@ -293,7 +248,7 @@ bool tb_reader::wait_for_piece(int piece)
             return true;
         pause_for(WaitSlice);
         if (now_ns() - refreshed > RefreshNs) {
-            prioritize(piece, true, false);
+            prioritize(piece, true);
             refreshed = now_ns();
         }
     }
@@ -490,14 +445,18 @@ tb_reader *tb_reader_open(tb_session *s, const char *id, int file)
             handle.unset_flags(lt::torrent_flags::auto_managed);
             handle.resume();
         }
-        // The window is laid by the first read or seek, not here: an answer to a range request
-        // opens and seeks at once, and a window at the start of the file would first draw
-        // requests away from the position it asked for.
-        if (reader_log_enabled()) {
+        // An empty file has nothing to fetch; its piece numbers belong to other files.
+        if (r->size > 0) {
+            const lt::piece_index_t tail(r->last_piece);
+            if (!handle.have_piece(tail)) {
+                handle.set_piece_deadline(tail, TailDeadlineMs);
+                handle.piece_priority(tail, lt::top_priority);
+            }
+            r->prioritize(r->first_piece, true);
+        }
+        if (reader_log_enabled())
             std::fprintf(stderr, "reader open %s file=%d size=%lld path=%s\n", key.c_str(), file,
                          static_cast<long long>(r->size), r->path.c_str());
-            tb::trace_line("reader_open", "file=" + std::to_string(file));
-        }
         {
             std::lock_guard<std::mutex> guard(s->readers_lock);
             s->readers.insert(r.get());
@@ -544,10 +503,7 @@ int64_t tb_reader_seek(tb_reader *r, int64_t offset)
     if (offset == r->size)
         return offset;
     try {
-        // A seek is where the player wants bytes now: this reader steers the file's window
-        // from here, whichever reader steered it before.
-        r->steer_next = false;
-        r->prioritize(r->piece_of(offset), true, true);
+        r->prioritize(r->piece_of(offset), true);
     } catch (const std::exception &e) {
         // The next read finds out whether the torrent is still there.
         if (reader_log_enabled())
@@ -681,34 +637,6 @@ double tb_stream_progress(tb_session *s, const char *id, int file)
         return 0.0;
     } catch (const std::exception &) {
         return -1.0;
-    }
-}
-
-void tb_stream_rate(tb_session *s, const char *id, int file, int64_t bytes_per_second)
-{
-    if (!s || !id)
-        return;
-    std::lock_guard<std::mutex> guard(s->windows_lock);
-    if (bytes_per_second > 0)
-        s->stream_rates[{id, file}] = bytes_per_second;
-    else
-        s->stream_rates.erase({id, file});
-}
-
-char *tb_piece_priorities(tb_session *s, const char *id)
-{
-    if (!s || !id)
-        return tb::dup("");
-    try {
-        const lt::torrent_handle handle = s->find(id);
-        if (!handle.is_valid() || !handle.torrent_file())
-            return tb::dup("");
-        std::string out;
-        for (const lt::download_priority_t priority : handle.get_piece_priorities())
-            out += static_cast<char>('0' + std::min(static_cast<int>(static_cast<std::uint8_t>(priority)), 7));
-        return tb::dup(out);
-    } catch (const std::exception &) {
-        return tb::dup("");
     }
 }
 

@@ -68,8 +68,7 @@ lt::settings_pack make_pack(const char *text)
         }
     }
     // The alert queue carries only what the bridge handles, whatever the text asked for.
-    pack.set_int(lt::settings_pack::alert_mask,
-                 static_cast<int>(0x40004Du | (reader_log_enabled() ? trace_alert_mask() : 0u)));
+    pack.set_int(lt::settings_pack::alert_mask, 0x40004D);
     // Added trackers are told from a torrent's own by their tier alone. With this on, libtorrent
     // swaps a udp tracker with an http tracker of the same host, tiers included, each time a
     // list is replaced or a torrent loaded: the extra tag then lands on the torrent's own
@@ -411,8 +410,6 @@ void tb_session::handle_alert(lt::alert *alert)
     if (!alert)
         return;
     try {
-        if (reader_log_enabled())
-            trace_alert(alert);
         switch (alert->type()) {
         case lt::piece_finished_alert::alert_type:
             piece_reads_changed.notify_all();

@@ -137,23 +137,6 @@ struct tb_session
     std::mutex readers_lock;
     std::set<tb_reader *> readers;
 
-    // The window each streamed file (id, file index) has laid, steered by one reader at a time:
-    // the one that opened or sought last. windows_lock also serialises laying windows, so a
-    // reader that has just lost its file cannot lay its old window over the new one. It is
-    // never held together with another lock.
-    struct StreamWindowState
-    {
-        tb_reader *owner = nullptr;
-        std::set<int> raised;
-        int start = -1;
-        int64_t laid_at = 0;
-        bool tail_asked = false;
-    };
-    std::mutex windows_lock;
-    std::map<std::pair<std::string, int>, StreamWindowState> stream_windows;
-    // Bytes per second of film, as the player learns it from the film's duration.
-    std::map<std::pair<std::string, int>, int64_t> stream_rates;
-
     // Resume data still awaited at shutdown.
     std::mutex save_mutex;
     std::condition_variable save_done;
@@ -254,11 +237,6 @@ std::set<int> resume_candidates(const lt::add_torrent_params &params);
 // nothing and quietly download it all again.
 bool candidate_missing(const lt::add_torrent_params &params, const std::set<int> &candidates);
 bool reader_log_enabled();
-// The stream's timeline, written with the reader's log: the alert kinds it needs, and the
-// writer, called first for every alert.
-std::uint32_t trace_alert_mask();
-void trace_alert(const lt::alert *alert);
-void trace_line(const char *what, const std::string &detail);
 // VELIX_CHECK_LOG: when the restore begins and each hash check ends, on the monotonic clock,
 // so a benchmark can time the checks without the poll's delay.
 bool check_log_enabled();

@@ -556,20 +556,6 @@ QString AppSettings::libtorrentSettings() const
     // since the bridge reads the sum of two large limits with atoi.
     setNumber("active_limit", std::clamp<qint64>(qint64(activeDownloads) + activeSeeds, 20, INT_MAX));
     setNumber("active_checking", 1);
-    // Streaming starts on these. The library connects, requests and re-plans on its tick: at the
-    // default half second the first piece of a film waits for it more than for the wire. And it
-    // fetches a few random pieces first to have something to trade; a stream needs the piece at
-    // the play position first, and trades soon enough once it plays.
-    setNumber("tick_interval", 100);
-    setNumber("initial_picker_threshold", 0);
-    // Blocks asked of a peer are sent in order: a seek's first block waits behind everything
-    // already asked of it, and a seeder that has read those blocks sends them even after a
-    // cancel. Where the profile does not ask for deep queues for slow, far peers, a second of a
-    // peer's rate and 32 blocks keep that wait short.
-    if (profile == NetworkProfile::Standard) {
-        setNumber("request_queue_time", 1);
-        setNumber("max_out_request_queue", 32);
-    }
 
     for (const EncryptionRow &row : EncryptionRows) {
         if (row.mode != encryption)

@@ -1,7 +1,5 @@
 #include "playback/PlayerModel.h"
 
-#include "bridge/tb_bridge.h"
-#include "bridge/tb_stream.h"
 #include "core/PathText.h"
 #include "engine/TorrentEngine.h"
 #include "media/MediaMatcher.h"
@@ -19,26 +17,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
 #include <utility>
 #include <variant>
 
 namespace {
-
-// With the stream reader's log on, the player's frames and stalls join the stream's timeline on
-// the same monotonic clock, so a benchmark can tell the swarm's share of a wait from the player's.
-void trace(const char *what)
-{
-    static const bool enabled = std::getenv("VELIX_READER_LOG") != nullptr;
-    if (!enabled)
-        return;
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    std::fprintf(stderr, "trace %s at_ms=%.3f\n", what,
-                 static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6);
-}
 
 PlayerModel *g_shared = nullptr;
 
@@ -463,7 +445,6 @@ void PlayerModel::handle(const MPVEvent &event)
     case MPVEvent::Kind::PlaybackRestart:
         setBuffering(false);
         setWaitingAfterSeek(false);
-        trace(m_firstFrameAfter ? "playing" : "first_frame");
         if (!m_firstFrameAfter)
             setFirstFrameAfter(secondsSinceOpen());
         break;
@@ -497,19 +478,12 @@ void PlayerModel::applyProperty(const QString &name, const MPVValue &value)
         prefetchNextIfNeeded();
     } else if (name == QLatin1String("duration")) {
         setDuration(doubleOf(value).value_or(0.0));
-        // The reader sizes its window in seconds of film; now it knows what a second weighs.
-        tb_session *session = m_engine ? m_engine->session() : nullptr;
-        if (session && m_item && m_duration > 0 && m_item->file.size > 0)
-            tb_stream_rate(session, m_item->torrentId.toUtf8().constData(), m_item->file.i,
-                           static_cast<int64_t>(static_cast<double>(m_item->file.size) / m_duration));
     } else if (name == QLatin1String("pause")) {
         setPaused(flagOf(value));
         poke();
     } else if (name == QLatin1String("paused-for-cache")) {
         const bool wasBuffering = m_buffering;
         setBuffering(flagOf(value));
-        if (wasBuffering != m_buffering)
-            trace(m_buffering ? "stall" : "stall_end");
         if (wasBuffering && !m_buffering && m_quickResumeActive)
             endQuickResume();
     } else if (name == QLatin1String("seeking")) {

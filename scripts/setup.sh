@@ -26,8 +26,6 @@ packages=(
   libgtest-dev libgmock-dev xvfb xauth libgl1-mesa-dri ffmpeg python3-libtorrent iproute2 util-linux
   # tests: a private session bus and a media-key client for the desktop media controls
   dbus-daemon playerctl
-  # benchmarks: the player program that plays every client's stream side by side
-  mpv
 )
 
 # The agent-protocol bridge is tested with a real client from the npm registry.

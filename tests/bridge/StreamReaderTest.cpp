@@ -3,7 +3,7 @@
 
 #include "LiveBridge.h"
 
-#include "bridge/tb_stream.h"
+#include "bridge/tb_bridge.h"
 #include "support/LocalSwarm.h"
 #include "support/TestSupport.h"
 
@@ -198,73 +198,6 @@ TEST(StreamReaderTest, BlockedReadEndsOnCancelAndOnRemoval)
     EXPECT_EQ(tb_reader_read(orphan, &byte, 1), -1);
     tb_reader_close(orphan);
     EXPECT_EQ(tb_reader_open(bridge.get(), id.c_str(), 0), nullptr);
-}
-
-// What each reader raised, read back from the picker: one digit a piece.
-TEST(StreamReaderTest, TheLatestPositionSteersTheWindowAndAnAbandonedReaderGivesItBack)
-{
-    TempDir dir;
-    constexpr int Piece = 64 * 1024;
-    constexpr int Pieces = 100;
-    writePatternFile(dir.file("seed/film.bin"), int64_t(Piece) * Pieces, 5);
-    TorrentOptions options;
-    options.pieceLength = Piece;
-    const MadeTorrent made = makeTorrent(dir.file("seed"), "film.bin", dir.file("torrents"), options);
-    // No seeder: nothing arrives, so what is raised stays raised until a reader gives it back.
-    LiveBridge bridge(dir.file("state"));
-    const std::string id = bridge.add(made.torrentPath, dir.file("down"));
-    ASSERT_FALSE(id.empty());
-    // A quarter of a piece a second: the piece at the position is at the top, the next one comes
-    // next and 10 more are raised.
-    tb_stream_rate(bridge.get(), id.c_str(), 0, Piece / 4);
-
-    const auto priorities = [&] { return bridgetest::take(tb_piece_priorities(bridge.get(), id.c_str())); };
-    const auto windowAt = [&](int start, bool tail) {
-        std::string expected(Pieces, '4');
-        expected[static_cast<size_t>(start)] = '7';
-        expected[static_cast<size_t>(start) + 1] = '6';
-        for (int k = start + 2; k < start + 12; ++k)
-            expected[static_cast<size_t>(k)] = '5';
-        if (tail)
-            expected[Pieces - 1] = '6';
-        return expected;
-    };
-    const std::string untouched(Pieces, '4');
-
-    tb_reader *first = tb_reader_open(bridge.get(), id.c_str(), 0);
-    ASSERT_NE(first, nullptr);
-    // Opening alone asks for nothing: the first read or seek says where.
-    EXPECT_EQ(priorities(), untouched);
-    auto firstRead = blockedRead(first);
-    ASSERT_TRUE(waitFor([&] { return priorities() == windowAt(0, true); })) << priorities();
-
-    // A second reader of the file that seeks, as an answer to a new range request does, takes
-    // the window over: the old position goes back to the file's priority at once.
-    tb_reader *second = tb_reader_open(bridge.get(), id.c_str(), 0);
-    ASSERT_NE(second, nullptr);
-    ASSERT_EQ(tb_reader_seek(second, int64_t(Piece) * 50 + 10), int64_t(Piece) * 50 + 10);
-    EXPECT_EQ(priorities(), windowAt(50, true));
-    // The old reader, given up by its player, gives back nothing that is no longer its own.
-    tb_reader_cancel(first);
-    ASSERT_EQ(firstRead.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    EXPECT_EQ(firstRead.get(), -1);
-    EXPECT_EQ(priorities(), windowAt(50, true));
-    tb_reader_close(first);
-    EXPECT_EQ(priorities(), windowAt(50, true));
-
-    // A seek on the same reader moves the window the same way.
-    ASSERT_EQ(tb_reader_seek(second, int64_t(Piece) * 80), int64_t(Piece) * 80);
-    EXPECT_EQ(priorities(), windowAt(80, true));
-
-    // Abandoned while it waits: the window goes back when the read gives up, before any close.
-    auto secondRead = blockedRead(second);
-    ASSERT_TRUE(waitFor([&] { return tb_stream_progress(bridge.get(), id.c_str(), 0) >= 0.0; }));
-    tb_reader_cancel(second);
-    ASSERT_EQ(secondRead.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    EXPECT_EQ(secondRead.get(), -1);
-    EXPECT_EQ(priorities(), untouched);
-    tb_reader_close(second);
-    EXPECT_EQ(priorities(), untouched);
 }
 
 TEST(StreamReaderTest, KeepsServingAfterMoreThanTheCacheHolds)
