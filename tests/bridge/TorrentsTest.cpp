@@ -377,11 +377,16 @@ TEST(TorrentsTest, StopRewritesOnlyTheResumeFilesOfTorrentsThatChanged)
         makeTwoFiles(content, name, 20000, 12000, static_cast<uint32_t>(40 + k));
         made.push_back(makeTorrent(content, name, tmp.file("torrents")));
     }
+    // A file written anew is a new inode with a new modification time; the inode alone can
+    // come back when a file is replaced twice and the old number is reused.
+    using FileMark = std::pair<ino_t, int64_t>;
     const auto inodes = [&] {
-        std::vector<ino_t> out;
+        std::vector<FileMark> out;
         for (const MadeTorrent &t : made) {
             struct stat info {};
-            out.push_back(::stat(resumeFile(state, t.id).c_str(), &info) == 0 ? info.st_ino : 0);
+            out.push_back(::stat(resumeFile(state, t.id).c_str(), &info) == 0
+                              ? FileMark(info.st_ino, int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec)
+                              : FileMark(0, 0));
         }
         return out;
     };
@@ -391,14 +396,14 @@ TEST(TorrentsTest, StopRewritesOnlyTheResumeFilesOfTorrentsThatChanged)
         ASSERT_EQ(add(s.get(), t.torrentPath, "save_path=" + content + "\npaused=1"), t.id);
     // Saved once more after whatever the adds set going, then left until no file changes.
     ASSERT_TRUE(waitFor([&] {
-        const std::vector<ino_t> now = inodes();
-        return std::find(now.begin(), now.end(), ino_t(0)) == now.end();
+        const std::vector<FileMark> now = inodes();
+        return std::none_of(now.begin(), now.end(), [](const FileMark &m) { return m.first == 0; });
     }));
     tb_save_state(s.get());
-    std::vector<ino_t> atRest = inodes();
+    std::vector<FileMark> atRest = inodes();
     ASSERT_TRUE(waitFor([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-        const std::vector<ino_t> now = inodes();
+        const std::vector<FileMark> now = inodes();
         const bool still = now == atRest;
         atRest = now;
         return still;
@@ -407,7 +412,7 @@ TEST(TorrentsTest, StopRewritesOnlyTheResumeFilesOfTorrentsThatChanged)
     ASSERT_TRUE(tb_action(s.get(), made[2].id.c_str(), "force_start"));
     ASSERT_TRUE(waitFor([&] { return !torrentStatus(s.get(), made[2].id).value("paused").toBool(); }));
     s.close();
-    const std::vector<ino_t> after = inodes();
+    const std::vector<FileMark> after = inodes();
     for (size_t k = 0; k < made.size(); ++k) {
         SCOPED_TRACE(k);
         if (k == 2)
